@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs every test three times:
+#   build/gcc   g++, optimised, all tests
+#   build/asan  clang++, AddressSanitizer + UndefinedBehaviorSanitizer, all tests
+#   build/tsan  clang++, ThreadSanitizer, the threaded tests (names with Stress or Stream)
+# Usage: scripts/test.sh [gcc|asan|tsan]...   (default: all three)
+set -euo pipefail
+
+root="$(cd "$(dirname "$0")/.." && pwd)"
+cd "$root"
+scripts/install-deps.sh
+
+jobs="${JOBS:-$(nproc)}"
+configs=("$@")
+if [ ${#configs[@]} -eq 0 ]; then
+    configs=(gcc asan tsan)
+fi
+
+export EGL_PLATFORM=surfaceless
+export TSAN_OPTIONS="suppressions=$root/tests/tsan.supp ${TSAN_OPTIONS:-}"
+export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp ${LSAN_OPTIONS:-}"
+
+run_config() {
+    local name="$1"
+    local dir="build/$name"
+    local cmake_args=(-G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+    local ctest_args=(--output-on-failure -j "$jobs" --timeout 300)
+    case "$name" in
+        gcc)  cmake_args+=(-DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++) ;;
+        asan) cmake_args+=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+                           -DCAPTURE_SANITIZE=address) ;;
+        tsan) cmake_args+=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+                           -DCAPTURE_SANITIZE=thread)
+              ctest_args+=(-R "Stress|Stream") ;;
+        *) echo "unknown configuration: $name" >&2; return 2 ;;
+    esac
+    echo "=== [$name] configure and build"
+    cmake -S . -B "$dir" "${cmake_args[@]}" > /dev/null
+    cmake --build "$dir" -j "$jobs"
+    echo "=== [$name] test"
+    (cd "$dir" && ctest "${ctest_args[@]}")
+}
+
+for c in "${configs[@]}"; do
+    run_config "$c"
+done
+echo "=== all configurations passed: ${configs[*]}"

@@ -1,0 +1,126 @@
+#include "TestUtil.h"
+
+#include "CaptureLog.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace capture_test {
+
+TestHandle::TestHandle(int numFds, size_t size, int numInts) {
+    mHandle = native_handle_create(numFds, numInts);
+    for (int i = 0; i < numFds; ++i) {
+        int fd = memfd_create("capture-test", MFD_CLOEXEC);
+        if (fd >= 0 && size > 0) {
+            if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+                ::close(fd);
+                fd = -1;
+            }
+        }
+        mHandle->data[i] = fd;
+    }
+}
+
+TestHandle::~TestHandle() {
+    native_handle_close(mHandle);
+    native_handle_delete(mHandle);
+}
+
+namespace {
+
+void makeParents(const std::string& path) {
+    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
+        mkdir(path.substr(0, pos).c_str(), 0755);
+    }
+}
+
+void removeTree(const std::string& path) {
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) {
+        unlink(path.c_str());
+        return;
+    }
+    while (dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        removeTree(path + "/" + name);
+    }
+    closedir(dir);
+    rmdir(path.c_str());
+}
+
+}  // namespace
+
+DeviceTree::DeviceTree() {
+    char pattern[] = "/tmp/capture-dt-XXXXXX";
+    const char* dir = mkdtemp(pattern);
+    mRoot = std::string(dir != nullptr ? dir : "/tmp/capture-dt-failed") + "/";
+    setenv("CAPTURE_DEVICE_TREE_ROOT", mRoot.c_str(), 1);
+}
+
+DeviceTree::~DeviceTree() {
+    unsetenv("CAPTURE_DEVICE_TREE_ROOT");
+    removeTree(mRoot.substr(0, mRoot.size() - 1));
+}
+
+void DeviceTree::setCell(const std::string& relPath, uint32_t value, int bytes) {
+    std::string data;
+    for (int i = bytes - 1; i >= 0; --i) {
+        data.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+    }
+    setRaw(relPath, data);
+}
+
+void DeviceTree::setRaw(const std::string& relPath, const std::string& bytes) {
+    std::string path = mRoot + relPath;
+    makeParents(path);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+void ServiceTest::SetUp() {
+    fake_subhal::reset();
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
+    service = new Capture();
+}
+
+void ServiceTest::TearDown() {
+    service.clear();
+    fake_subhal::reset();
+    unsetenv("CAPTURE_SUBHAL_PATH");
+}
+
+void ServiceTest::loadLibrary(bool partial) {
+    setenv("CAPTURE_SUBHAL_PATH", partial ? FAKE_SUBHAL_PARTIAL_PATH : FAKE_SUBHAL_PATH, 1);
+    ASSERT_EQ(CaptureReturn::SUCCESS, static_cast<CaptureReturn>(service->initLib()));
+}
+
+int32_t ServiceTest::openInstance() {
+    int32_t id = -1;
+    CaptureReturn ret = CaptureReturn::FAIL;
+    service->open([&](CaptureReturn r, int32_t captureId) {
+        ret = r;
+        id = captureId;
+    });
+    EXPECT_EQ(CaptureReturn::SUCCESS, ret);
+    return id;
+}
+
+int countOpenFds() {
+    int n = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') ++n;
+    }
+    closedir(dir);
+    return n - 1;  // the directory's own descriptor
+}
+
+}  // namespace capture_test
