@@ -24,19 +24,19 @@ struct GpuPhotoFeatureIn {
     GpuPhotoFeatureIn(native_handle_t* srcHandle, native_handle_t* dstHandle);
     ~GpuPhotoFeatureIn();
 
-    float rotation;        // degrees
+    float rotation;  // degrees
     int32_t srcWidth;
     int32_t srcHeight;
-    int32_t dstWidth;      // also the viewport
+    int32_t dstWidth;  // also the viewport
     int32_t dstHeight;
-    int32_t cropX;         // crop rectangle, in source pixels
+    int32_t cropX;  // crop rectangle, in source pixels
     int32_t cropY;
     int32_t cropWidth;
     int32_t cropHeight;
     native_handle_t* srcHandle;  // not owned
     native_handle_t* dstHandle;  // not owned
-    uint32_t srcFormat;    // HAL pixel format
-    uint32_t dstFormat;    // HAL pixel format
+    uint32_t srcFormat;          // HAL pixel format
+    uint32_t dstFormat;          // HAL pixel format
 };
 
 // The GL side of one graphic buffer of a conversion.
@@ -46,7 +46,7 @@ struct GpuImageInfo {
     EGLImageKHR image = EGL_NO_IMAGE_KHR;
     ::android::sp<::android::GraphicBuffer> buffer;
     ANativeWindowBuffer* native_buffer = nullptr;
-    void* mapping = nullptr;  // CPU address while the buffer is locked
+    void* mapping = nullptr;               // CPU address while the buffer is locked
     GpuPhotoFeatureIn* feature = nullptr;  // destination record only
 };
 
@@ -93,9 +93,8 @@ public:
 
     uint32_t gles_init_RenderTargets(GpuPhotoFeatureIn* feature);
     uint32_t gles_generate_vertex(float model_x_left, float model_x_right, float model_y_top,
-                                  float model_y_bottom, float texture_x_left,
-                                  float texture_x_right, float texture_y_top,
-                                  float texture_y_bottom);
+                                  float model_y_bottom, float texture_x_left, float texture_x_right,
+                                  float texture_y_top, float texture_y_bottom);
     uint32_t gles_draw_frame();
 
     GLuint program;
