@@ -1,0 +1,251 @@
+#include "Pixels.h"
+
+#include <libyuv.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "capture_emulator/TestPattern.h"
+
+namespace capture_emulator {
+namespace {
+
+// 5x7 glyphs, one byte a row, bit 4 leftmost.
+struct Glyph {
+    char c;
+    uint8_t rows[7];
+};
+constexpr Glyph kFont[] = {
+    {'0', {0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0E}},
+    {'1', {0x04, 0x0C, 0x04, 0x04, 0x04, 0x04, 0x0E}},
+    {'2', {0x0E, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1F}},
+    {'3', {0x1F, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0E}},
+    {'4', {0x02, 0x06, 0x0A, 0x12, 0x1F, 0x02, 0x02}},
+    {'5', {0x1F, 0x10, 0x1E, 0x01, 0x01, 0x11, 0x0E}},
+    {'6', {0x06, 0x08, 0x10, 0x1E, 0x11, 0x11, 0x0E}},
+    {'7', {0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08}},
+    {'8', {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}},
+    {'9', {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C}},
+    {'#', {0x0A, 0x0A, 0x1F, 0x0A, 0x1F, 0x0A, 0x0A}},
+    {':', {0x00, 0x0C, 0x0C, 0x00, 0x0C, 0x0C, 0x00}},
+    {'.', {0x00, 0x00, 0x00, 0x00, 0x00, 0x0C, 0x0C}},
+};
+
+const Glyph* glyphOf(char c) {
+    for (const Glyph& g : kFont) {
+        if (g.c == c) return &g;
+    }
+    return nullptr;
+}
+
+constexpr uint32_t kOpaque = 0xFF000000u;
+constexpr uint32_t kWhite = 0xFFFFFFFFu;
+constexpr uint32_t kBlack = 0xFF000000u;
+
+// Geometry of the lower band in source coordinates.
+struct Overlay {
+    uint32_t bandTop, unit, textX, textY;
+    char lines[2][24];
+    uint32_t lineLen[2];
+    uint32_t markerX, markerY, markerSize;
+
+    Overlay(uint32_t w, uint32_t h, const PatternClock& clock) {
+        bandTop = barsEndRow(h);
+        uint32_t band = h - bandTop;
+        unit = std::max<uint32_t>(1, h / 96);
+        textX = w / 32;
+        uint32_t textH = 17 * unit;
+        textY = bandTop + (band > textH ? (band - textH) / 2 : 0);
+        uint64_t ms = clock.timeMs;
+        snprintf(lines[0], sizeof(lines[0]), "#%06llu",
+                 static_cast<unsigned long long>(clock.frameNumber % 1000000));
+        snprintf(lines[1], sizeof(lines[1]), "%02llu:%02llu:%02llu.%03llu",
+                 static_cast<unsigned long long>(ms / 3600000 % 100),
+                 static_cast<unsigned long long>(ms / 60000 % 60),
+                 static_cast<unsigned long long>(ms / 1000 % 60),
+                 static_cast<unsigned long long>(ms % 1000));
+        lineLen[0] = static_cast<uint32_t>(strlen(lines[0]));
+        lineLen[1] = static_cast<uint32_t>(strlen(lines[1]));
+        markerSize = std::max<uint32_t>(1, std::min(h / 8, band));
+        uint32_t travel = w / 2 > markerSize ? w / 2 - markerSize : 0;
+        uint64_t phase = ms % kMarkerPeriodMs;
+        uint64_t half = kMarkerPeriodMs / 2;
+        uint64_t pos = phase < half ? phase : kMarkerPeriodMs - phase;  // 0..half, there and back
+        markerX = w / 2 + static_cast<uint32_t>(travel * pos / half);
+        markerY = bandTop + (band > markerSize ? (band - markerSize) / 2 : 0);
+    }
+
+    uint32_t colourAt(uint32_t sx, uint32_t sy) const {
+        if (sx >= markerX && sx - markerX < markerSize && sy >= markerY &&
+            sy - markerY < markerSize) {
+            return kWhite;
+        }
+        if (sx < textX || sy < textY) return kBlack;
+        uint32_t line = (sy - textY) / (9 * unit);
+        if (line > 1) return kBlack;
+        uint32_t row = (sy - textY - line * 9 * unit) / unit;
+        if (row >= 7) return kBlack;
+        uint32_t col = (sx - textX) / unit;
+        uint32_t ch = col / 6, bit = col % 6;
+        if (ch >= lineLen[line] || bit >= 5) return kBlack;
+        const Glyph* g = glyphOf(lines[line][ch]);
+        return g != nullptr && ((g->rows[row] >> (4 - bit)) & 1) != 0 ? kWhite : kBlack;
+    }
+};
+
+void store(uint8_t* p, uint32_t argb) {
+    memcpy(p, &argb, 4);
+}
+
+}  // namespace
+
+void ArgbImage::resize(uint32_t width, uint32_t height) {
+    mWidth = width;
+    mHeight = height;
+    mPixels.resize(static_cast<size_t>(width) * height * 4);
+}
+
+void renderPattern(uint32_t sourceWidth, uint32_t sourceHeight, const Rect& crop,
+                   const PatternClock& clock, ArgbImage* out) {
+    const uint32_t outW = out->width(), outH = out->height();
+    if (outW == 0 || outH == 0 || crop.w == 0 || crop.h == 0) return;
+    // Sample at pixel centres, so a scaled picture keeps its proportions.
+    std::vector<uint32_t> sx(outW);
+    std::vector<uint32_t> barRow(outW);
+    for (uint32_t x = 0; x < outW; ++x) {
+        sx[x] = crop.x + static_cast<uint32_t>((2ull * x + 1) * crop.w / (2ull * outW));
+        barRow[x] = kOpaque | barColourAt(sx[x], sourceWidth);
+    }
+    Overlay overlay(sourceWidth, sourceHeight, clock);
+    for (uint32_t y = 0; y < outH; ++y) {
+        uint32_t sy = crop.y + static_cast<uint32_t>((2ull * y + 1) * crop.h / (2ull * outH));
+        uint8_t* row = out->data() + static_cast<size_t>(y) * out->stride();
+        if (sy < overlay.bandTop) {
+            memcpy(row, barRow.data(), static_cast<size_t>(outW) * 4);
+            continue;
+        }
+        for (uint32_t x = 0; x < outW; ++x) store(row + 4 * x, overlay.colourAt(sx[x], sy));
+    }
+}
+
+bool readFrame(const PixelFormatInfo& format, const FrameView& f, uint32_t width, uint32_t height,
+               ArgbImage* out) {
+    out->resize(width, height);
+    const int w = static_cast<int>(width), h = static_cast<int>(height);
+    const int pitch = static_cast<int>(f.pitch);
+    uint8_t* dst = out->data();
+    const int stride = out->stride();
+    switch (format.vxFormat) {
+        case 0:
+            return libyuv::YUY2ToARGB(f.luma, pitch, dst, stride, w, h) == 0;
+        case 2:
+            return libyuv::ABGRToARGB(f.luma, pitch, dst, stride, w, h) == 0;
+        case 3:
+            return libyuv::ARGBCopy(f.luma, pitch, dst, stride, w, h) == 0;
+        case 6:
+            return libyuv::AR30ToARGB(f.luma, pitch, dst, stride, w, h) == 0;
+        case 22:
+            return libyuv::AB30ToARGB(f.luma, pitch, dst, stride, w, h) == 0;
+        case 7:
+            return libyuv::RGB565ToARGB(f.luma, pitch, dst, stride, w, h) == 0;
+        case 8:
+            return libyuv::RAWToARGB(f.luma, pitch, dst, stride, w, h) == 0;
+        case 11:
+            return libyuv::NV12ToARGB(f.luma, pitch, f.chroma, pitch, dst, stride, w, h) == 0;
+        case 12:
+            return libyuv::NV21ToARGB(f.luma, pitch, f.chroma, pitch, dst, stride, w, h) == 0;
+        case 9:
+        case 10: {
+            const int cw = w / 2;
+            std::vector<uint8_t> u(static_cast<size_t>(cw) * h), v(u.size());
+            uint8_t* first = format.crFirst ? v.data() : u.data();
+            uint8_t* second = format.crFirst ? u.data() : v.data();
+            libyuv::SplitUVPlane(f.chroma, pitch, first, cw, second, cw, cw, h);
+            return libyuv::I422ToARGB(f.luma, pitch, u.data(), cw, v.data(), cw, dst, stride, w,
+                                      h) == 0;
+        }
+        case 14: {
+            const int cw = w / 2, ch = h / 2;
+            std::vector<uint8_t> y(static_cast<size_t>(w) * h);
+            std::vector<uint8_t> u(static_cast<size_t>(cw) * ch), v(u.size());
+            if (libyuv::MM21ToI420(f.luma, pitch, f.chroma, pitch, y.data(), w, u.data(), cw,
+                                   v.data(), cw, w, h) != 0) {
+                return false;
+            }
+            return libyuv::I420ToARGB(y.data(), w, u.data(), cw, v.data(), cw, dst, stride, w, h) ==
+                   0;
+        }
+        default:
+            return false;
+    }
+}
+
+void scaleCrop(const ArgbImage& in, const Rect& crop, uint32_t width, uint32_t height,
+               ArgbImage* out) {
+    out->resize(width, height);
+    const uint8_t* origin = in.data() + static_cast<size_t>(crop.y) * in.stride() + crop.x * 4u;
+    if (crop.w == width && crop.h == height) {
+        libyuv::ARGBCopy(origin, in.stride(), out->data(), out->stride(), static_cast<int>(width),
+                         static_cast<int>(height));
+        return;
+    }
+    libyuv::ARGBScale(origin, in.stride(), static_cast<int>(crop.w), static_cast<int>(crop.h),
+                      out->data(), out->stride(), static_cast<int>(width), static_cast<int>(height),
+                      libyuv::kFilterBilinear);
+}
+
+void rotate(const ArgbImage& in, uint32_t angle, ArgbImage* out) {
+    bool turned = angle == 90 || angle == 270;
+    out->resize(turned ? in.height() : in.width(), turned ? in.width() : in.height());
+    libyuv::RotationMode mode = angle == 90    ? libyuv::kRotate90
+                                : angle == 180 ? libyuv::kRotate180
+                                : angle == 270 ? libyuv::kRotate270
+                                               : libyuv::kRotate0;
+    libyuv::ARGBRotate(in.data(), in.stride(), out->data(), out->stride(),
+                       static_cast<int>(in.width()), static_cast<int>(in.height()), mode);
+}
+
+bool writeFrame(const PixelFormatInfo& format, const ArgbImage& in, const FrameView& f) {
+    const int w = static_cast<int>(in.width()), h = static_cast<int>(in.height());
+    const int pitch = static_cast<int>(f.pitch);
+    const uint8_t* src = in.data();
+    const int stride = in.stride();
+    switch (format.vxFormat) {
+        case 0:
+            return libyuv::ARGBToYUY2(src, stride, f.luma, pitch, w, h) == 0;
+        case 2:
+            return libyuv::ARGBToABGR(src, stride, f.luma, pitch, w, h) == 0;
+        case 3:
+            return libyuv::ARGBCopy(src, stride, f.luma, pitch, w, h) == 0;
+        case 6:
+            return libyuv::ARGBToAR30(src, stride, f.luma, pitch, w, h) == 0;
+        case 22:
+            return libyuv::ARGBToAB30(src, stride, f.luma, pitch, w, h) == 0;
+        case 7:
+            return libyuv::ARGBToRGB565(src, stride, f.luma, pitch, w, h) == 0;
+        case 8:
+            return libyuv::ARGBToRAW(src, stride, f.luma, pitch, w, h) == 0;
+        case 11:
+            return libyuv::ARGBToNV12(src, stride, f.luma, pitch, f.chroma, pitch, w, h) == 0;
+        case 12:
+            return libyuv::ARGBToNV21(src, stride, f.luma, pitch, f.chroma, pitch, w, h) == 0;
+        case 9:
+        case 10: {
+            const int cw = w / 2;
+            std::vector<uint8_t> u(static_cast<size_t>(cw) * h), v(u.size());
+            if (libyuv::ARGBToI422(src, stride, f.luma, pitch, u.data(), cw, v.data(), cw, w, h) !=
+                0) {
+                return false;
+            }
+            const uint8_t* first = format.crFirst ? v.data() : u.data();
+            const uint8_t* second = format.crFirst ? u.data() : v.data();
+            libyuv::MergeUVPlane(first, cw, second, cw, f.chroma, pitch, cw, h);
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+}  // namespace capture_emulator

@@ -1,0 +1,742 @@
+#include "Commands.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "Capture.h"
+#include "Picture.h"
+#include "Session.h"
+#include "capture_emulator/Emulator.h"
+
+namespace capturectl {
+
+using ::android::sp;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+using namespace ::vendor::quenlark::hardware::capture::V1_0;
+using capture_emulator::FrameLayout;
+using capture_emulator::PixelFormatInfo;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// What to capture, from the command line.
+struct Setup {
+    uint32_t point = 0;
+    int32_t pqId = -1;
+    uint32_t engine = 1;
+    uint32_t srcW = 1920, srcH = 1080, srcFps = 60;
+    uint32_t cropX = 0, cropY = 0, cropW = 0, cropH = 0;  // zero: the whole source
+    uint32_t dstW = 1280, dstH = 720, dstFps = 0;         // fps zero: the source's
+    uint32_t format = 0x800;                              // NV12
+    uint32_t rotate = 0;
+    bool memory = false;         // query: the source is a frame in memory
+    uint32_t srcFormat = 0x800;  // query: its format
+};
+
+struct Failure {
+    int status;
+};
+
+[[noreturn]] void usageError(const char* fmt, const std::string& value) {
+    fprintf(stderr, "capturectl: ");
+    fprintf(stderr, fmt, value.c_str());
+    fprintf(stderr, "\n");
+    throw Failure{kExitUsage};
+}
+
+[[noreturn]] void refused(const char* what, CaptureReturn code) {
+    fprintf(stderr, "capturectl: %s refused: %s\n", what, describe(code).c_str());
+    throw Failure{kExitRefused};
+}
+
+uint32_t parseNumber(const std::string& text, const char* what) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = strtoull(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || v > UINT32_MAX || text[0] == '-') {
+        usageError((std::string("bad ") + what + " '%s'").c_str(), text);
+    }
+    return static_cast<uint32_t>(v);
+}
+
+void parseSize(const std::string& text, uint32_t* w, uint32_t* h, const char* what) {
+    size_t x = text.find('x');
+    if (x == std::string::npos)
+        usageError((std::string("bad ") + what + " '%s' (WxH)").c_str(), text);
+    *w = parseNumber(text.substr(0, x), what);
+    *h = parseNumber(text.substr(x + 1), what);
+    if (*w == 0 || *h == 0) usageError((std::string("empty ") + what + " '%s'").c_str(), text);
+}
+
+uint32_t parseFormat(const std::string& text) {
+    uint32_t bit = 0;
+    if (!formatFromName(text, &bit)) usageError("unknown format '%s'", text);
+    return bit;
+}
+
+Setup parseSetup(const Options& o) {
+    Setup s;
+    if (o.has("point")) s.point = parseNumber(o.get("point", ""), "capture point");
+    if (o.has("pq")) s.pqId = static_cast<int32_t>(parseNumber(o.get("pq", ""), "pq stream"));
+    if (o.has("engine")) s.engine = parseNumber(o.get("engine", ""), "engine");
+    if (o.has("source")) parseSize(o.get("source", ""), &s.srcW, &s.srcH, "source size");
+    if (o.has("source-fps")) s.srcFps = parseNumber(o.get("source-fps", ""), "source fps");
+    if (o.has("size")) parseSize(o.get("size", ""), &s.dstW, &s.dstH, "size");
+    if (o.has("fps")) s.dstFps = parseNumber(o.get("fps", ""), "fps");
+    if (o.has("format")) s.format = parseFormat(o.get("format", ""));
+    if (o.has("source-format")) s.srcFormat = parseFormat(o.get("source-format", ""));
+    if (o.has("rotate")) s.rotate = parseNumber(o.get("rotate", ""), "rotation");
+    s.memory = o.has("memory");
+    if (o.has("crop")) {
+        std::string c = o.get("crop", "");
+        unsigned x, y, w, h;
+        char tail;
+        if (sscanf(c.c_str(), "%u,%u,%u,%u%c", &x, &y, &w, &h, &tail) != 4) {
+            usageError("bad crop '%s' (X,Y,W,H)", c);
+        }
+        s.cropX = x;
+        s.cropY = y;
+        s.cropW = w;
+        s.cropH = h;
+    }
+    if (s.dstFps == 0) s.dstFps = s.srcFps;
+    return s;
+}
+
+const PixelFormatInfo& hardwareFormat(uint32_t captureFormat) {
+    const PixelFormatInfo* f = capture_emulator::findCaptureFormat(captureFormat);
+    if (f == nullptr || !f->writable) {
+        usageError("the hardware does not write %s", formatName(captureFormat));
+    }
+    return *f;
+}
+
+FrameLayout layoutOf(const PixelFormatInfo& f, uint32_t w, uint32_t h) {
+    FrameLayout layout;
+    if (!capture_emulator::computeFrameLayout(f, w, h, 0, &layout)) {
+        usageError("no frame layout for %s",
+                   std::to_string(w) + "x" + std::to_string(h) + " " + f.name);
+    }
+    return layout;
+}
+
+sp<ICapture> service(const Options& o) {
+    startLogCapture(o.verbose);
+    sp<ICapture> s = bringUp(o.verbose);
+    if (s == nullptr) throw Failure{kExitBringUp};
+    return s;
+}
+
+// An open instance, closed when it goes.
+class Instance {
+public:
+    explicit Instance(const sp<ICapture>& service) : mService(service) {
+        CaptureReturn ret = CaptureReturn::FAIL;
+        mService->open([&](CaptureReturn r, int32_t id) {
+            ret = r;
+            mId = id;
+        });
+        if (ret != CaptureReturn::SUCCESS) refused("open", ret);
+    }
+    ~Instance() {
+        CaptureReturn ret = mService->close(mId);
+        if (ret != CaptureReturn::SUCCESS) {
+            fprintf(stderr, "capturectl: close refused: %s\n", describe(ret).c_str());
+        }
+    }
+    int32_t id() const { return mId; }
+
+private:
+    sp<ICapture> mService;
+    int32_t mId = 0;
+};
+
+CaptureInfo liveInfo(const Setup& s, const Buffer& buffer) {
+    CaptureInfo info = {};
+    info.capPoint = static_cast<CapturePoint>(s.point);
+    info.pqId = s.pqId;
+    info.pqWinId = -1;
+    info.srcWidth = s.srcW;
+    info.srcHeight = s.srcH;
+    info.hwEngine = static_cast<uint8_t>(s.engine);
+    info.srcFps = s.srcFps;
+    info.cropX = s.cropX;
+    info.cropY = s.cropY;
+    info.cropWidth = s.cropW;
+    info.cropHeight = s.cropH;
+    info.dstWidth = s.dstW;
+    info.dstHeight = s.dstH;
+    info.dstFps = s.dstFps;
+    info.dstFmt = static_cast<CaptureFormat>(s.format);
+    info.colorSpace = CaptureColorSpace::BT709;
+    info.dstBuffer = hidl_handle(buffer.handle());
+    info.secureBuffer = SecureBufferCfg::NON_SECURE;
+    info.bandwidth = BandwidthCfg::NORMAL;
+    return info;
+}
+
+// Configures a live capture into `buffer`. A rotation needs the frame records too: they keep
+// the live source (source word 40 set to 1) and only turn the destination.
+void configureLive(const sp<ICapture>& svc, int32_t id, const Setup& s, const Buffer& buffer) {
+    CaptureReturn ret = svc->setCaptureInfo(id, liveInfo(s, buffer));
+    if (ret != CaptureReturn::SUCCESS) refused("setCaptureInfo", ret);
+    if (s.rotate == 0) return;
+    CaptureSrcFrameInfo src = {};
+    src.width = s.srcW;
+    src.height = s.srcH;
+    src.format = CaptureFormat::NV12;
+    src.buffer = hidl_handle(buffer.handle());
+    src.param40 = 1;
+    src.vPlaneOffset = hidl_vec<uint32_t>{0u};
+    CaptureDstFrameInfo dst = {};
+    dst.cropX = s.cropX;
+    dst.cropY = s.cropY;
+    dst.cropWidth = s.cropW;
+    dst.cropHeight = s.cropH;
+    dst.width = s.dstW;
+    dst.height = s.dstH;
+    dst.rotateAngle = s.rotate;
+    dst.format = static_cast<CaptureFormat>(s.format);
+    dst.buffer = hidl_handle(buffer.handle());
+    svc->setCaptureFrameInfo(id, src, dst,
+                             [&](CaptureReturn r, const hidl_vec<uint32_t>&) { ret = r; });
+    if (ret != CaptureReturn::SUCCESS) refused("setCaptureFrameInfo", ret);
+}
+
+void savePng(const std::string& path, const PixelFormatInfo& f, const FrameLayout& layout,
+             const uint8_t* frame, uint32_t w, uint32_t h) {
+    std::vector<uint8_t> rgb;
+    if (!frameToRgb(f, layout, frame, w, h, &rgb)) {
+        fprintf(stderr, "capturectl: cannot turn %s into a picture\n", f.name);
+        throw Failure{kExitRefused};
+    }
+    std::string error = writePng(path, rgb, w, h);
+    if (!error.empty()) {
+        fprintf(stderr, "capturectl: %s\n", error.c_str());
+        throw Failure{kExitRefused};
+    }
+}
+
+// Reasons the service and the hardware logged, indented, for the user.
+void printReasons(const char* heading) {
+    bool first = true;
+    for (const LogLine& line : takeLogLines()) {
+        if (line.priority < 5 && line.tag != "CAPTURE_EMU") continue;
+        if (first) printf("%s\n", heading);
+        first = false;
+        printf("    %s: %s\n", line.tag.c_str(), line.text.c_str());
+    }
+}
+
+// -- stream ---------------------------------------------------------------------------------
+
+struct Arrival {
+    CaptureCallbackParams params;
+    Clock::time_point at;
+};
+
+class StreamClient : public ICaptureCallback {
+public:
+    Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams& params) override {
+        // The service holds its callback lock while this runs: hand the frame over and go.
+        std::lock_guard<std::mutex> guard(mLock);
+        mQueue.push_back(Arrival{params, Clock::now()});
+        mArrived.notify_all();
+        return Void();
+    }
+    bool next(Arrival* out, Clock::time_point until) {
+        std::unique_lock<std::mutex> held(mLock);
+        if (!mArrived.wait_until(held, until, [&] { return !mQueue.empty(); })) return false;
+        *out = mQueue.front();
+        mQueue.pop_front();
+        return true;
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mArrived;
+    std::deque<Arrival> mQueue;
+};
+
+struct StreamPlan {
+    uint64_t frames = 300;
+    double seconds = 0;  // non-zero: run for this long instead
+    uint32_t buffers = 4;
+    uint32_t holdMs = 0;  // the client keeps each buffer this long
+    bool progress = true;
+    std::string lastPng;
+};
+
+struct StreamResult {
+    uint64_t received = 0;
+    uint64_t errors = 0;
+    double seconds = 0;
+    double latencyAvgMs = 0, latencyMaxMs = 0;
+    bool haveStats = false;
+    capture_emulator::InstanceStats stats;
+};
+
+StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, const StreamPlan& plan,
+                       const Buffer& buffer, const PixelFormatInfo& f, const FrameLayout& layout) {
+    sp<StreamClient> client = new StreamClient();
+    CaptureReturn ret = svc->startCapture(id, client);
+    if (ret != CaptureReturn::SUCCESS) refused("startCapture", ret);
+
+    StreamResult r;
+    struct Held {
+        uint32_t index;
+        Clock::time_point release, arrived;
+    };
+    std::deque<Held> held;
+    std::vector<uint8_t> last;
+    const auto start = Clock::now();
+    const auto deadline =
+        plan.seconds > 0
+            ? start + std::chrono::milliseconds(static_cast<int64_t>(plan.seconds * 1000))
+            : start + std::chrono::seconds(5 + plan.frames * 3 / std::max(s.dstFps, 1u));
+    auto lastPrint = start;
+    double latencySum = 0;
+    uint64_t returned = 0;
+    auto giveBack = [&](const Held& h) {
+        CaptureReturn done = svc->frameProcessDone(id, h.index);
+        if (done != CaptureReturn::SUCCESS) refused("frameProcessDone", done);
+        double ms = std::chrono::duration<double, std::milli>(Clock::now() - h.arrived).count();
+        latencySum += ms;
+        r.latencyMaxMs = std::max(r.latencyMaxMs, ms);
+        ++returned;
+    };
+    while (plan.seconds > 0 ? Clock::now() < deadline : r.received < plan.frames) {
+        auto wake = deadline;
+        if (!held.empty()) wake = std::min(wake, held.front().release);
+        Arrival a{};
+        bool got = client->next(&a, wake);
+        auto now = Clock::now();
+        while (!held.empty() && held.front().release <= now) {
+            giveBack(held.front());
+            held.pop_front();
+        }
+        if (!got) {
+            if (now >= deadline) break;
+            continue;
+        }
+        ++r.received;
+        if (a.params.result != CaptureReturn::SUCCESS) ++r.errors;
+        uint64_t end = uint64_t{a.params.yOffset} + layout.lumaSize;
+        if (!plan.lastPng.empty() && a.params.index < plan.buffers && end <= buffer.size() &&
+            uint64_t{a.params.yOffset} + layout.chromaOffset + layout.chromaSize <= buffer.size()) {
+            last.assign(buffer.data() + a.params.yOffset,
+                        buffer.data() + a.params.yOffset + layout.chromaOffset + layout.chromaSize +
+                            (layout.chromaSize == 0 ? layout.lumaSize : 0));
+        }
+        Held h{a.params.index, a.at + std::chrono::milliseconds(plan.holdMs), a.at};
+        if (plan.holdMs == 0) {
+            giveBack(h);
+        } else {
+            held.push_back(h);
+        }
+        if (plan.progress && now - lastPrint >= std::chrono::milliseconds(250)) {
+            double t = std::chrono::duration<double>(now - start).count();
+            capture_emulator::InstanceStats st;
+            bool have = capture_emulator::getInstanceStats(id, &st);
+            fprintf(stderr, "\r  %llu frames  %.1f fps  latency %.2f ms  dropped %s   ",
+                    static_cast<unsigned long long>(r.received), t > 0 ? r.received / t : 0.0,
+                    returned != 0 ? latencySum / returned : 0.0,
+                    have ? std::to_string(st.dropped).c_str() : "n/a");
+            lastPrint = now;
+        }
+    }
+    r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    r.haveStats = capture_emulator::getInstanceStats(id, &r.stats);
+    ret = svc->stopCapture(id);
+    for (const Held& h : held) svc->frameProcessDone(id, h.index);
+    if (plan.progress) fprintf(stderr, "\n");
+    if (ret != CaptureReturn::SUCCESS) refused("stopCapture", ret);
+    r.latencyAvgMs = returned != 0 ? latencySum / returned : 0;
+    if (!plan.lastPng.empty() && !last.empty()) {
+        savePng(plan.lastPng, f, layout, last.data(), s.dstW, s.dstH);
+    }
+    return r;
+}
+
+void printStreamSummary(const StreamResult& r, const char* indent = "") {
+    printf("%sreceived %llu frames in %.2f s (%.1f fps), latency avg %.2f ms, max %.2f ms\n",
+           indent, static_cast<unsigned long long>(r.received), r.seconds,
+           r.seconds > 0 ? r.received / r.seconds : 0.0, r.latencyAvgMs, r.latencyMaxMs);
+    if (r.haveStats) {
+        printf("%sdropped %llu frames (hardware produced %llu, delivered %llu)\n", indent,
+               static_cast<unsigned long long>(r.stats.dropped),
+               static_cast<unsigned long long>(r.stats.produced),
+               static_cast<unsigned long long>(r.stats.delivered));
+    } else {
+        printf("%sdropped frames: not reported by this sub-HAL\n", indent);
+    }
+    if (r.errors != 0) {
+        printf("%s%llu frames came with an error\n", indent,
+               static_cast<unsigned long long>(r.errors));
+    }
+}
+
+// -- commands -------------------------------------------------------------------------------
+
+int cmdInfo(const Options& o) {
+    sp<ICapture> svc = service(o);
+    using Impl = ::vendor::quenlark::hardware::capture::V1_0::implementation::Capture;
+    printf("sub-HAL: %s\ndevice tree: %s\n", getenv("CAPTURE_SUBHAL_PATH"),
+           getenv("CAPTURE_DEVICE_TREE_ROOT"));
+    printf("capture points supported:");
+    for (uint32_t p = 0; p < 13; ++p) {
+        if (Impl::mPointsSupportState[p] != 0) printf(" %u", p);
+    }
+    const auto& dts = Impl::mSystemDtsConfig;
+    auto names = [](uint32_t mask) {
+        std::string list;
+        for (uint32_t bit = 1; bit != 0 && bit <= 0x1000000; bit <<= 1) {
+            if ((mask & bit) != 0) list += " " + formatName(bit);
+        }
+        return list.empty() ? std::string(" none") : list;
+    };
+    printf("\nDIP writes:%s\nDIP reads:%s\n", names(dts.format_support_list_w).c_str(),
+           names(dts.format_support_list_r).c_str());
+    printf(
+        "rotation 90: %s, 270: %s, 180 up to %u px wide; crop: %s; downscale: %s; "
+        "upscale: %s; tiled sources up to %u px\n",
+        (dts.dip_rotate & 1) ? "yes" : "no", (dts.dip_rotate & 2) ? "yes" : "no",
+        static_cast<uint32_t>(dts.dip_HMirrorSz), dts.dip_crop ? "yes" : "no",
+        dts.dip_dscl ? "yes" : "no", dts.dip_uscl ? "yes" : "no",
+        static_cast<uint32_t>(dts.TileWidthMax));
+    // The width limits come from the sub-HAL, for an instance and a conversion.
+    Instance inst(svc);
+    setQueryInfo q = {};
+    q.src_width = 1920;
+    q.src_height = 1080;
+    q.src_format = CaptureFormat::NV12;
+    q.dst_width = 1920;
+    q.dst_height = 1080;
+    q.dst_format = CaptureFormat::NV12;
+    q.captureType = 1;
+    CaptureReturn ret = CaptureReturn::FAIL;
+    getQueryInfo answer = {};
+    svc->getCaptureCapabilityInfo(inst.id(), q, [&](CaptureReturn r, const getQueryInfo& a) {
+        ret = r;
+        answer = a;
+    });
+    if (ret == CaptureReturn::SUCCESS && answer.engine == 2) {
+        printf(
+            "limits (NV12 to NV12, memory to memory): source up to %u px wide, destination "
+            "up to %u px wide, source width a multiple of %u, destination rows of %u px\n",
+            answer.srcMaxWidth, answer.dstMaxWidth, answer.srcWidthAlign, answer.dstWidthAlign);
+    } else {
+        printf("limits: the query answered %s%s\n", describe(ret).c_str(),
+               answer.useGpu ? " (GPU path)" : "");
+    }
+    takeLogLines();
+    return kExitOk;
+}
+
+int cmdQuery(const Options& o) {
+    Setup s = parseSetup(o);
+    sp<ICapture> svc = service(o);
+    Instance inst(svc);
+    takeLogLines();
+    setQueryInfo q = {};
+    q.src_width = s.srcW;
+    q.src_height = s.srcH;
+    q.src_format = static_cast<CaptureFormat>(s.srcFormat);
+    q.dst_width = s.dstW;
+    q.dst_height = s.dstH;
+    q.dst_format = static_cast<CaptureFormat>(s.format);
+    q.rotationAngle = s.rotate;
+    q.crop_x = s.cropX;
+    q.crop_y = s.cropY;
+    q.crop_width = s.cropW != 0 ? s.cropW : s.srcW;
+    q.crop_height = s.cropH != 0 ? s.cropH : s.srcH;
+    q.captureType = s.memory ? 1 : 0;
+    CaptureReturn ret = CaptureReturn::FAIL;
+    getQueryInfo a = {};
+    svc->getCaptureCapabilityInfo(inst.id(), q, [&](CaptureReturn r, const getQueryInfo& info) {
+        ret = r;
+        a = info;
+    });
+    printf("%s %ux%u %s -> %ux%u %s, rotation %u, crop (%u,%u %ux%u)\n",
+           s.memory ? "memory" : "live", s.srcW, s.srcH, formatName(s.srcFormat).c_str(), s.dstW,
+           s.dstH, formatName(s.format).c_str(), s.rotate, q.crop_x, q.crop_y, q.crop_width,
+           q.crop_height);
+    if (ret == CaptureReturn::SUCCESS) {
+        printf("engine: %s\n", a.useGpu ? "GPU (the DIP cannot do it)" : "DIP");
+        if (a.dstWidthAlignValid) printf("destination rows: multiples of %u px\n", a.dstWidthAlign);
+        if (!a.useGpu) {
+            printf("bandwidth: %.1f MB/s at %u fps\n", static_cast<double>(a.bwSize) / 1e6,
+                   s.dstFps);
+        }
+    } else {
+        printf("answer: %s%s\n", describe(ret).c_str(),
+               ret == CaptureReturn::DIP_NOT_SUPPORT
+                   ? " (the DIP cannot do it and a live source has no GPU fallback)"
+                   : "");
+    }
+    printReasons("why:");
+    return ret == CaptureReturn::SUCCESS ? kExitOk : kExitRefused;
+}
+
+int cmdOnce(const Options& o) {
+    Setup s = parseSetup(o);
+    const PixelFormatInfo& f = hardwareFormat(s.format);
+    FrameLayout layout = layoutOf(f, s.dstW, s.dstH);
+    std::string out = o.get("out", "capture.png");
+    sp<ICapture> svc = service(o);
+    Buffer buffer(layout.frameStride);
+    if (!buffer.valid()) throw Failure{kExitRefused};
+    Instance inst(svc);
+    configureLive(svc, inst.id(), s, buffer);
+    CaptureReturn ret = svc->captureOnce(inst.id());
+    if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
+    savePng(out, f, layout, buffer.data(), s.dstW, s.dstH);
+    printf("wrote %s: %ux%u %s from capture point %u\n", out.c_str(), s.dstW, s.dstH, f.name,
+           s.point);
+    return kExitOk;
+}
+
+int cmdStream(const Options& o) {
+    Setup s = parseSetup(o);
+    const PixelFormatInfo& f = hardwareFormat(s.format);
+    FrameLayout layout = layoutOf(f, s.dstW, s.dstH);
+    StreamPlan plan;
+    if (o.has("frames")) plan.frames = parseNumber(o.get("frames", ""), "frame count");
+    if (o.has("seconds")) {
+        plan.seconds = atof(o.get("seconds", "").c_str());
+        if (plan.seconds <= 0) usageError("bad duration '%s'", o.get("seconds", ""));
+    }
+    if (o.has("buffers")) plan.buffers = parseNumber(o.get("buffers", ""), "buffer count");
+    if (plan.buffers == 0 || plan.buffers > capture_emulator::kMaxRingFrames) {
+        usageError("buffers must be 1..8, not %s", std::to_string(plan.buffers));
+    }
+    if (o.has("hold-ms")) plan.holdMs = parseNumber(o.get("hold-ms", ""), "hold time");
+    plan.progress = !o.has("quiet");
+    plan.lastPng = o.get("last", "");
+    sp<ICapture> svc = service(o);
+    Buffer buffer(static_cast<size_t>(layout.frameStride) * plan.buffers);
+    if (!buffer.valid()) throw Failure{kExitRefused};
+    Instance inst(svc);
+    configureLive(svc, inst.id(), s, buffer);
+    printf("streaming %ux%u %s at %u fps from capture point %u into %u buffers\n", s.dstW, s.dstH,
+           f.name, s.dstFps, s.point, plan.buffers);
+    StreamResult r = runStream(svc, inst.id(), s, plan, buffer, f, layout);
+    printStreamSummary(r);
+    if (!plan.lastPng.empty()) printf("last frame: %s\n", plan.lastPng.c_str());
+    if (plan.seconds == 0 && r.received < plan.frames) {
+        fprintf(stderr, "capturectl: only %llu of %llu frames arrived\n",
+                static_cast<unsigned long long>(r.received),
+                static_cast<unsigned long long>(plan.frames));
+        return kExitRefused;
+    }
+    return kExitOk;
+}
+
+int cmdDump(const Options& o) {
+    sp<ICapture> svc = service(o);
+    fflush(stdout);
+    native_handle_t* h = native_handle_create(1, 0);
+    h->data[0] = STDOUT_FILENO;
+    hidl_vec<hidl_string> options;
+    if (o.has("detail")) options = hidl_vec<hidl_string>{hidl_string("detail")};
+    svc->debug(hidl_handle(h), options);
+    native_handle_delete(h);  // the descriptor is stdout's: not closed
+    return kExitOk;
+}
+
+int cmdDemo(const Options& o) {
+    std::string dir = o.get("out-dir", "capturectl-demo");
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+        fprintf(stderr, "capturectl: cannot create %s: %s\n", dir.c_str(), strerror(errno));
+        return kExitRefused;
+    }
+    Setup s;
+    s.srcW = 1920;
+    s.srcH = 1080;
+    s.dstW = 1280;
+    s.dstH = 720;
+    s.dstFps = 60;
+    sp<ICapture> svc = service(o);
+    const PixelFormatInfo& f = hardwareFormat(s.format);
+    FrameLayout layout = layoutOf(f, s.dstW, s.dstH);
+    printf("1. open\n");
+    Instance inst(svc);
+    printf("   instance 0x%08x\n", static_cast<uint32_t>(inst.id()));
+
+    printf("2. query: live 1920x1080 to 1280x720 NV12\n");
+    takeLogLines();
+    setQueryInfo q = {};
+    q.src_width = s.srcW;
+    q.src_height = s.srcH;
+    q.src_format = CaptureFormat::NV12;
+    q.dst_width = s.dstW;
+    q.dst_height = s.dstH;
+    q.dst_format = CaptureFormat::NV12;
+    q.crop_width = s.srcW;
+    q.crop_height = s.srcH;
+    CaptureReturn ret = CaptureReturn::FAIL;
+    getQueryInfo a = {};
+    svc->getCaptureCapabilityInfo(inst.id(), q, [&](CaptureReturn r, const getQueryInfo& info) {
+        ret = r;
+        a = info;
+    });
+    if (ret != CaptureReturn::SUCCESS) refused("getCaptureCapabilityInfo", ret);
+    printf("   %s, %.1f MB/s\n", a.useGpu ? "GPU" : "DIP", static_cast<double>(a.bwSize) / 1e6);
+
+    printf("3. configure: capture point 0, whole source\n");
+    Buffer ring(static_cast<size_t>(layout.frameStride) * 4);
+    if (!ring.valid()) throw Failure{kExitRefused};
+    configureLive(svc, inst.id(), s, ring);
+
+    printf("4. one frame\n");
+    ret = svc->captureOnce(inst.id());
+    if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
+    std::string once = dir + "/once.png";
+    savePng(once, f, layout, ring.data(), s.dstW, s.dstH);
+    printf("   %s\n", once.c_str());
+    // Kept as the source of step 6.
+    Buffer source(layout.frameStride);
+    if (!source.valid()) throw Failure{kExitRefused};
+    memcpy(source.data(), ring.data(), layout.frameStride);
+
+    printf("5. stream: 60 frames\n");
+    configureLive(svc, inst.id(), s, ring);  // a capture consumes its configuration
+    StreamPlan plan;
+    plan.frames = 60;
+    plan.progress = false;
+    plan.lastPng = dir + "/stream-last.png";
+    StreamResult r = runStream(svc, inst.id(), s, plan, ring, f, layout);
+    printStreamSummary(r, "   ");
+    printf("   %s\n", plan.lastPng.c_str());
+
+    printf("6. memory to memory: the centre of step 4's frame, turned 90 degrees, as ABGR8888\n");
+    const PixelFormatInfo& rgb = hardwareFormat(0x8);
+    FrameLayout outLayout = layoutOf(rgb, 360, 640);
+    Buffer out(outLayout.frameStride);
+    if (!out.valid()) throw Failure{kExitRefused};
+    CaptureSrcFrameInfo src = {};
+    src.width = s.dstW;
+    src.height = s.dstH;
+    src.format = CaptureFormat::NV12;
+    src.buffer = hidl_handle(source.handle());
+    src.vPlaneOffset = hidl_vec<uint32_t>{0u, layout.chromaOffset};
+    CaptureDstFrameInfo dst = {};
+    dst.cropX = 320;
+    dst.cropY = 180;
+    dst.cropWidth = 640;
+    dst.cropHeight = 360;
+    dst.width = 360;
+    dst.height = 640;
+    dst.rotateAngle = 90;
+    dst.format = CaptureFormat::ABGR8888;
+    dst.buffer = hidl_handle(out.handle());
+    svc->setCaptureFrameInfo(inst.id(), src, dst,
+                             [&](CaptureReturn res, const hidl_vec<uint32_t>&) { ret = res; });
+    if (ret != CaptureReturn::SUCCESS) refused("setCaptureFrameInfo", ret);
+    ret = svc->captureOnce(inst.id());
+    if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
+    std::string turned = dir + "/memory-rotated.png";
+    savePng(turned, rgb, outLayout, out.data(), 360, 640);
+    printf("   %s\n", turned.c_str());
+
+    printf("7. close\n");
+    printf("PNG files are in %s/\n", dir.c_str());
+    return kExitOk;
+}
+
+const char kCaptureOptions[] =
+    "  --point N          capture point 0..12 (default 0)\n"
+    "  --pq ID            picture-quality stream of capture points 2..8\n"
+    "  --source WxH       source video size (default 1920x1080)\n"
+    "  --source-fps N     source frame rate (default 60)\n"
+    "  --crop X,Y,W,H     part of the source to capture (default all)\n"
+    "  --size WxH         destination size, after rotation (default 1280x720)\n"
+    "  --fps N            destination frame rate (default the source's)\n"
+    "  --format NAME      destination format (default NV12): YUYV ARGB8888 ABGR8888\n"
+    "                     ARGB2101010 ABGR2101010 RGB565 BGR888 NV16 NV61 NV12 NV21\n"
+    "  --rotate DEG       0, 90, 180 or 270, clockwise\n"
+    "  --engine N         DIP engine selector 1..3 (default 1)\n";
+
+int guardedRun(int (*fn)(const Options&), const Options& o) {
+    try {
+        return fn(o);
+    } catch (const Failure& failure) {
+        return failure.status;
+    }
+}
+
+}  // namespace
+
+const std::vector<Command>& commands() {
+    static const std::vector<std::string> kSetup = {
+        "point", "pq", "source", "source-fps", "crop", "size", "fps", "format", "rotate", "engine"};
+    auto with = [](std::vector<std::string> extra) {
+        std::vector<std::string> all = kSetup;
+        all.insert(all.end(), extra.begin(), extra.end());
+        return all;
+    };
+    static const std::vector<Command> list = {
+        {"info",
+         "capture points, DIP formats and limits of the platform",
+         "",
+         {},
+         {},
+         [](const Options& o) { return guardedRun(cmdInfo, o); }},
+        {"query",
+         "would this conversion run on the DIP or the GPU, and why",
+         std::string(kCaptureOptions) +
+             "  --memory           the source is a frame in memory (default: live)\n"
+             "  --source-format F  format of a memory source (default NV12)\n",
+         with({"source-format"}),
+         {"memory"},
+         [](const Options& o) { return guardedRun(cmdQuery, o); }},
+        {"once",
+         "capture one frame into a PNG file",
+         std::string(kCaptureOptions) + "  --out FILE         PNG to write (default capture.png)\n",
+         with({"out"}),
+         {},
+         [](const Options& o) { return guardedRun(cmdOnce, o); }},
+        {"stream",
+         "capture continuously, with live progress and a summary",
+         std::string(kCaptureOptions) +
+             "  --frames N         frames to receive (default 300)\n"
+             "  --seconds S        run for S seconds instead\n"
+             "  --buffers K        buffers in the ring, 1..8 (default 4)\n"
+             "  --hold-ms M        keep each buffer M ms before handing it back\n"
+             "  --last FILE        write the last frame as a PNG\n"
+             "  --quiet            no progress line\n",
+         with({"frames", "seconds", "buffers", "hold-ms", "last"}),
+         {"quiet"},
+         [](const Options& o) { return guardedRun(cmdStream, o); }},
+        {"dump",
+         "print the service's debug output (the hardware's state)",
+         "  --detail           the detailed level\n",
+         {},
+         {"detail"},
+         [](const Options& o) { return guardedRun(cmdDump, o); }},
+        {"demo",
+         "open, query, configure, one frame, a short stream, close; writes PNGs",
+         "  --out-dir DIR      where the PNG files go (default ./capturectl-demo)\n",
+         {"out-dir"},
+         {},
+         [](const Options& o) { return guardedRun(cmdDemo, o); }},
+    };
+    return list;
+}
+
+}  // namespace capturectl

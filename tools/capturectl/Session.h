@@ -1,0 +1,68 @@
+// The service in this process, and what every command needs around it: buffers, names of
+// formats and results, the service's log.
+#pragma once
+
+#include <cutils/native_handle.h>
+#include <stdint.h>
+#include <utils/StrongPointer.h>
+#include <vendor/quenlark/hardware/capture/1.0/ICapture.h>
+
+#include <string>
+#include <vector>
+
+#include "capture_emulator/FrameLayout.h"
+
+namespace capturectl {
+
+using ::vendor::quenlark::hardware::capture::V1_0::CaptureFormat;
+using ::vendor::quenlark::hardware::capture::V1_0::CaptureReturn;
+using ::vendor::quenlark::hardware::capture::V1_0::ICapture;
+
+// Exit statuses.
+constexpr int kExitOk = 0;
+constexpr int kExitRefused = 1;  // the service or the hardware said no
+constexpr int kExitUsage = 2;    // bad command line
+constexpr int kExitBringUp = 3;  // the service could not be brought up
+
+const char* returnName(CaptureReturn code);
+// "BUSY (8)"
+std::string describe(CaptureReturn code);
+
+// A CaptureFormat by its name ("NV12"); false when unknown.
+bool formatFromName(const std::string& name, uint32_t* captureFormat);
+std::string formatName(uint32_t captureFormat);
+
+// One memfd-backed buffer with its native handle (one descriptor), mapped.
+class Buffer {
+public:
+    explicit Buffer(size_t size);
+    ~Buffer();
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+    bool valid() const { return mData != nullptr; }
+    const native_handle_t* handle() const { return mHandle; }
+    uint8_t* data() const { return mData; }
+    size_t size() const { return mSize; }
+
+private:
+    native_handle_t* mHandle = nullptr;
+    uint8_t* mData = nullptr;
+    size_t mSize = 0;
+};
+
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string text;
+};
+
+// Collects the process's log lines; echoes them to stderr when verbose.
+void startLogCapture(bool verbose);
+std::vector<LogLine> takeLogLines();
+
+// Points the service at the emulator (unless the environment already points it elsewhere),
+// registers the emulated PQ service, gets ICapture and runs initLib. Null with a message
+// printed on failure.
+::android::sp<ICapture> bringUp(bool verbose);
+
+}  // namespace capturectl
