@@ -1,103 +1,145 @@
-// capturectl end to end: the tool brings the service up on the emulated hardware in its own
-// process; these tests run it as a user would and look at what it prints and writes.
+// capturectl run as a user runs it, on the emulated hardware: its exit status, what it prints and
+// the pictures it writes.
 #include <gtest/gtest.h>
 #include <png.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
+#include <vector>
 
-#include "EmulatorTestUtil.h"
 #include "capture_emulator/TestPattern.h"
 
 namespace emulator_test {
 namespace {
 
-using namespace capture_emulator;
+using capture_emulator::barsEndRow;
+using capture_emulator::kBarColours;
+using capture_emulator::kBarCount;
 
 struct ToolRun {
-    int status;
+    int status = -1;
     std::string output;  // stdout and stderr
 };
 
 ToolRun run(const std::string& arguments, const std::string& environment = "") {
     std::string command = environment + " " CAPTURECTL_PATH " " + arguments + " 2>&1";
-    ToolRun r{-1, ""};
+    ToolRun r;
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return r;
     char chunk[4096];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0) r.output.append(chunk, n);
+    for (size_t n; (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) r.output.append(chunk, n);
     int status = pclose(pipe);
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return r;
-}
-
-struct Picture {
-    uint32_t width = 0, height = 0;
-    std::vector<uint8_t> rgb;
-    uint32_t at(uint32_t x, uint32_t y) const {
-        const uint8_t* p = rgb.data() + (static_cast<size_t>(y) * width + x) * 3;
-        return (uint32_t{p[0]} << 16) | (uint32_t{p[1]} << 8) | p[2];
-    }
-};
-
-bool readPng(const std::string& path, Picture* out) {
-    png_image image = {};
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
-    image.format = PNG_FORMAT_RGB;
-    out->width = image.width;
-    out->height = image.height;
-    out->rgb.resize(PNG_IMAGE_SIZE(image));
-    return png_image_finish_read(&image, nullptr, out->rgb.data(), 0, nullptr) != 0;
 }
 
 std::string tempPath(const std::string& name) {
     return ::testing::TempDir() + "capturectl-" + std::to_string(getpid()) + "-" + name;
 }
 
-TEST(Capturectl, OncePutsTheBarsWhereCropScaleAndRotationSay) {
-    // Crop the right half of a 1920x1080 source, turn it clockwise into 270x480, as NV21.
-    std::string png = tempPath("once.png");
-    ToolRun r =
-        run("once --source 1920x1080 --crop 960,0,960,1080 --size 270x480 --rotate 90 "
-            "--format NV21 --out " +
-            png);
-    ASSERT_EQ(r.status, 0) << r.output;
-    Picture picture;
-    ASSERT_TRUE(readPng(png, &picture));
-    unlink(png.c_str());
-    ASSERT_EQ(picture.width, 270u);
-    ASSERT_EQ(picture.height, 480u);
-    // Bars 4..7 lie in the crop, a quarter of the pre-rotation width (120 px) each; turned
-    // clockwise they run down the picture, and the top of the source is on the right.
-    for (uint32_t bar = 4; bar < kBarCount; ++bar) {
-        uint32_t y = (bar - 4) * 120 + 60;
-        uint32_t x = 270 - 1 - 90;  // source row 360 of 1080, in the bars
-        uint32_t got = picture.at(x, y);
-        EXPECT_TRUE(near(got, kBarColours[bar])) << "bar " << bar << ": " << hex(got);
+// A PNG file read back (and removed); zero-sized when it cannot be read.
+struct Picture {
+    explicit Picture(const std::string& path) {
+        image.version = PNG_IMAGE_VERSION;
+        if (png_image_begin_read_from_file(&image, path.c_str())) {
+            image.format = PNG_FORMAT_RGB;
+            rgb.resize(PNG_IMAGE_SIZE(image));
+            if (!png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr)) image.width = 0;
+        }
+        unlink(path.c_str());
     }
-    // Below the bars the source is black (the marker sweeps further down): the strip left of
-    // the bars.
-    EXPECT_TRUE(near(picture.at(60, 240), 0x000000)) << hex(picture.at(60, 240));
+    // Whether pixel (x, y) is within 40 per channel of 0xRRGGBB `want`.
+    ::testing::AssertionResult near(uint32_t x, uint32_t y, uint32_t want) const {
+        const uint8_t* p = &rgb.at((size_t{y} * image.width + x) * 3);
+        for (int c = 0; c < 3; ++c) {
+            if (abs(p[c] - static_cast<int>((want >> (16 - 8 * c)) & 0xFF)) > 40) {
+                return ::testing::AssertionFailure()
+                       << "(" << x << "," << y << ") is " << +p[0] << " " << +p[1] << " " << +p[2];
+            }
+        }
+        return ::testing::AssertionSuccess();
+    }
+    png_image image = {};
+    std::vector<uint8_t> rgb;
+};
+
+struct Geometry {
+    uint32_t cropX, cropY, cropW, cropH, dstW, dstH, rotation;
+};
+
+// Where source point (sx, sy) lands in the destination; false when the crop leaves it out.
+bool project(const Geometry& g, uint32_t sx, uint32_t sy, uint32_t* dx, uint32_t* dy) {
+    if (sx < g.cropX || sy < g.cropY || sx >= g.cropX + g.cropW || sy >= g.cropY + g.cropH) {
+        return false;
+    }
+    bool turned = g.rotation % 180 != 0;
+    uint32_t w = turned ? g.dstH : g.dstW, h = turned ? g.dstW : g.dstH;  // before turning
+    uint32_t x = (sx - g.cropX) * w / g.cropW, y = (sy - g.cropY) * h / g.cropH;
+    const uint32_t turns[4][2] = {{x, y}, {h - 1 - y, x}, {w - 1 - x, h - 1 - y}, {y, w - 1 - x}};
+    *dx = turns[g.rotation / 90][0];  // clockwise
+    *dy = turns[g.rotation / 90][1];
+    return true;
 }
+
+class CapturectlOnce : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(CapturectlOnce, BarsLandWhereCropScaleAndRotationPutThem) {
+    const Geometry geometries[] = {
+        {0, 0, 1920, 1080, 640, 360, 0},    {960, 0, 960, 540, 1280, 720, 0},
+        {480, 270, 960, 540, 360, 640, 90}, {0, 0, 1920, 1080, 360, 640, 270},
+        {0, 0, 640, 810, 320, 404, 180},    {960, 0, 960, 1080, 270, 480, 90},
+    };
+    for (const Geometry& g : geometries) {
+        char arguments[160];
+        snprintf(arguments, sizeof(arguments),
+                 "once --format %s --crop %u,%u,%u,%u --size %ux%u --rotate %u --out ", GetParam(),
+                 g.cropX, g.cropY, g.cropW, g.cropH, g.dstW, g.dstH, g.rotation);
+        SCOPED_TRACE(arguments);
+        std::string png = tempPath("once.png");
+        ToolRun r = run(arguments + png);
+        ASSERT_EQ(r.status, 0) << r.output;
+        Picture picture(png);
+        ASSERT_EQ(picture.image.width, g.dstW);
+        ASSERT_EQ(picture.image.height, g.dstH);
+        int checked = 0;
+        for (uint32_t bar = 0; bar < kBarCount; ++bar) {
+            // The middle of each bar, half way down the bars of the 1920x1080 source.
+            uint32_t dx, dy, sx = (2 * bar + 1) * 1920 / (2 * kBarCount), sy = barsEndRow(1080) / 2;
+            if (!project(g, sx, sy, &dx, &dy)) continue;
+            EXPECT_TRUE(picture.near(dx, dy, kBarColours[bar])) << "bar " << bar;
+            ++checked;
+        }
+        EXPECT_GE(checked, 3);
+    }
+}
+
+// Every format the hardware writes.
+INSTANTIATE_TEST_SUITE_P(EveryWrittenFormat, CapturectlOnce,
+                         ::testing::Values("YUYV", "ARGB8888", "ABGR8888", "ARGB2101010",
+                                           "ABGR2101010", "RGB565", "BGR888", "NV16", "NV61",
+                                           "NV12", "NV21"),
+                         [](const auto& info) { return std::string(info.param); });
 
 TEST(Capturectl, DemoWritesPicturesOfThePattern) {
     std::string dir = tempPath("demo");
     ToolRun r = run("demo --out-dir " + dir);
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("PNG files are in " + dir), std::string::npos) << r.output;
-    for (const char* name : {"once.png", "stream-last.png", "memory-rotated.png"}) {
-        SCOPED_TRACE(name);
-        Picture picture;
-        ASSERT_TRUE(readPng(dir + "/" + name, &picture));
-        EXPECT_GT(picture.width, 0u);
-        unlink((dir + "/" + name).c_str());
-    }
+    Picture once(dir + "/once.png"), turned(dir + "/memory-rotated.png");
+    EXPECT_EQ(Picture(dir + "/stream-last.png").image.width, 1280u);
     rmdir(dir.c_str());
+    ASSERT_EQ(once.image.width, 1280u);
+    ASSERT_EQ(turned.image.width, 360u);
+    for (uint32_t bar = 0; bar < kBarCount; ++bar) {
+        EXPECT_TRUE(once.near(bar * 160 + 80, 270, kBarColours[bar])) << bar;
+    }
+    // From memory: the centre of that frame (bars 2..5), turned clockwise so they run down.
+    for (uint32_t bar = 2; bar < 6; ++bar) {
+        EXPECT_TRUE(turned.near(180, (bar - 2) * 160 + 80, kBarColours[bar])) << bar;
+    }
 }
 
 TEST(CapturectlStream, ClientReturningEveryBufferDropsNoneOf300FramesAt60Fps) {
@@ -112,75 +154,57 @@ TEST(CapturectlStream, ClientHoldingBuffersSeesDropsCounted) {
     ASSERT_EQ(r.status, 0) << r.output;
     size_t at = r.output.find("\ndropped ");
     ASSERT_NE(at, std::string::npos) << r.output;
-    unsigned long dropped = strtoul(r.output.c_str() + at + 9, nullptr, 10);
     // Two buffers out for 100 ms each at 60 fps: most frames find no free buffer.
-    EXPECT_GT(dropped, 12u) << r.output;
+    EXPECT_GT(strtoul(r.output.c_str() + at + 9, nullptr, 10), 12u) << r.output;
 }
 
-TEST(Capturectl, RefusalsNameTheCaptureReturnCode) {
-    struct Case {
-        const char* environment;
+TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
+    std::string control = tempPath("control");
+    std::ofstream(control) << "# steer the hardware\nfail CaptureStop 18\n";
+    const std::string fail = "CAPTURE_EMU_FAIL=";
+    const struct {
+        std::string environment;
         const char* arguments;
         int status;
-        const char* message;
-    };
-    const Case cases[] = {
-        {"CAPTURE_EMU_FAIL=CaptureOnce:67", "once --out /dev/null", 1,
-         "captureOnce refused: HARDWARE_ERROR (19)"},
-        // The service reports every failed open as an invalid identifier: the hardware
-        // hands none out when it refuses.
-        {"CAPTURE_EMU_FAIL=Open:17", "once --out /dev/null", 1,
-         "open refused: INVALID_CAPTURE_ID (6)"},
-        {"CAPTURE_EMU_FAIL=CaptureStart:51", "stream --frames 5 --quiet", 1,
-         "startCapture refused: BANDWIDTH_EXCEEDED (16)"},
-        {"", "once --point 13 --out /dev/null", 1,
+        const char* text;
+    } cases[] = {
+        {"", "info", 0, "capture points supported: 0 1 2 3 4 5 6 7 8 9 10 11 12"},
+        {"", "info", 0, "source up to 1920 px wide, destination up to 1920 px wide, source width"},
+        {"", "query --memory --source 3840x2160 --size 1920x1080 --format ABGR8888", 0,
+         "engine: DIP\ndestination rows: multiples of 16 px\nbandwidth: 1244.2 MB/s"},
+        {"", "query --memory --format YV12", 0, "engine: GPU (the DIP cannot do it)"},
+        {fail + "CaptureStart:17", "dump", 0, "faults:\n  fail VX_CAPTURE_CaptureStart with 17"},
+        // The done record of ring buffer 1 of 1280x720 NV12 frames (0x152000 bytes apart).
+        {"", "stream --frames 3 --verbose", 0,
+         "index(1) Y_offSet(0x152000) C_offSet(0x233000) Y_Size(0xe1000) C_Size(0x70800)"},
+        // The emulated PQ service answers for capture point 5 and notifies while streaming.
+        {"", "stream --point 5 --pq 1 --frames 5 --verbose", 0,
+         "activeWinNum(2) capPoint(3) pqID(1) win_i(1)"},
+        {"", "stream --point 5 --pq 1 --frames 5 --verbose", 0,
+         "PQId[1] found = true, winInfo_i(1)"},
+        // Injected failures, as the client sees them.
+        {fail + "Init:5", "info", 1, "open refused: NO_MEMORY (2)"},
+        {fail + "Open:17", "info", 1, "open refused: INVALID_CAPTURE_ID (6)"},
+        {fail + "SetCaptureInfo:33", "once --out /dev/null", 1,
          "setCaptureInfo refused: INVALID_CAPTURE_POINT (12)"},
-        {"", "once --size 32x32 --out /dev/null", 1, "INVALID_SIZE (13)"},
-        {"", "once --format YV12", 2, "the hardware does not write YV12"},
-        {"", "once --size 12", 2, "bad size '12' (WxH)"},
-        {"", "once --bogus", 2, "unknown option --bogus"},
+        {fail + "CaptureOnce:67", "once --out /dev/null", 1,
+         "captureOnce refused: HARDWARE_ERROR (19)"},
+        {fail + "CaptureStart:51", "stream --frames 5 --quiet", 1,
+         "startCapture refused: BANDWIDTH_EXCEEDED (16)"},
+        {fail + "FrameProcessDone:48", "stream --frames 5 --quiet", 1,
+         "frameProcessDone refused: BUFFER_NOT_READY (22)"},
+        {"CAPTURE_EMU_CONTROL=" + control, "stream --frames 5 --quiet", 1,
+         "stopCapture refused: TIMEOUT (9)"},
         {"", "frobnicate", 2, "unknown command 'frobnicate'"},
         {"CAPTURE_SUBHAL_PATH=/nonexistent.so", "info", 3, "initLib refused: FAIL (4)"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.arguments);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.environment + " " + c.arguments);
         ToolRun r = run(c.arguments, c.environment);
         EXPECT_EQ(r.status, c.status) << r.output;
-        EXPECT_NE(r.output.find(c.message), std::string::npos) << r.output;
+        EXPECT_NE(r.output.find(c.text), std::string::npos) << r.output;
     }
-}
-
-TEST(Capturectl, EveryCommandHasHelp) {
-    for (const char* command : {"info", "query", "once", "stream", "dump", "demo"}) {
-        SCOPED_TRACE(command);
-        ToolRun r = run(std::string(command) + " --help");
-        EXPECT_EQ(r.status, 0);
-        EXPECT_NE(r.output.find(std::string("usage: capturectl ") + command), std::string::npos);
-    }
-}
-
-TEST(Capturectl, QueryExplainsWhyTheGpuIsTaken) {
-    ToolRun r = run("query --memory --format YV12");
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("engine: GPU"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("is not support by dip"), std::string::npos) << r.output;
-    r = run("query --format NV12");
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("engine: DIP"), std::string::npos) << r.output;
-}
-
-TEST(Capturectl, InfoAndDumpDescribeTheEmulatedPlatform) {
-    ToolRun r = run("info");
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("capture points supported: 0 1 2 3 4 5 6 7 8 9 10 11 12"),
-              std::string::npos)
-        << r.output;
-    EXPECT_NE(r.output.find("DIP reads: YUYV ARGB8888"), std::string::npos) << r.output;
-    r = run("dump");
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("Capture Hal Dump"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("Emulated capture hardware: 2 DIP engines"), std::string::npos)
-        << r.output;
+    unlink(control.c_str());
 }
 
 }  // namespace
