@@ -1,9 +1,10 @@
-// Helpers for the tests of the service spine (loading, open/close, debug, device tree).
+// Helpers for the tests of the service spine: log level, log lines, formatted texts.
 #pragma once
 
-#include <unistd.h>
-
-#include <mutex>
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,54 +13,36 @@
 
 namespace capture_test {
 
-// A client callback that tells when the service has let go of it.
-class TestCallback : public ICaptureCallback {
-public:
-    explicit TestCallback(bool* destroyed = nullptr) : mDestroyed(destroyed) {}
-    ~TestCallback() override {
-        if (mDestroyed != nullptr) *mDestroyed = true;
-    }
-    ::android::hardware::Return<void> onNotify(CaptureEventNotify,
-                                               const CaptureCallbackParams&) override {
-        return ::android::hardware::Void();
-    }
+using Strings = std::vector<std::string>;
 
-private:
-    bool* mDestroyed;
-};
-
-// Puts a client callback into a slot the way the capture paths do.
-inline void installCallback(int slot, const ::android::sp<ICaptureCallback>& callback) {
-    std::lock_guard<std::mutex> lock(mCallbackMutex);
-    Capture::setCallbackLocked(slot, callback);
+inline void setLogLevel(uint32_t level) {
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, level, __ATOMIC_RELAXED);
 }
 
-// The sub-HAL entries called so far, in order.
-inline std::vector<fake_subhal::Entry> entrySequence() {
-    std::vector<fake_subhal::Entry> sequence;
-    for (const auto& call : fake_subhal::calls()) sequence.push_back(call.entry);
-    return sequence;
+// printf-style text with one 32-bit value, as the service's own lines are built.
+inline std::string formatted(const char* format, uint32_t value) {
+    char text[128];
+    snprintf(text, sizeof(text), format, value);
+    return text;
 }
 
-// Every captured message without its "[function][line] " prefix, in order.
-inline std::vector<std::string> strippedMessages(const LogCapture& log) {
-    std::vector<std::string> messages;
+// The first `limit` captured messages without their "[function][line] " prefix, in order.
+inline Strings strippedMessages(const LogCapture& log, size_t limit = SIZE_MAX) {
+    Strings messages;
     for (const auto& line : log.lines()) messages.push_back(stripLogPrefix(line.message));
+    messages.resize(std::min(limit, messages.size()));
     return messages;
 }
 
-// Whole content of a file descriptor, read from offset 0.
-inline std::string readAll(int fd) {
-    std::string content;
-    char chunk[256];
-    off_t offset = 0;
-    for (;;) {
-        ssize_t n = pread(fd, chunk, sizeof(chunk), offset);
-        if (n <= 0) break;
-        content.append(chunk, static_cast<size_t>(n));
-        offset += n;
+// Every captured line as "tag/priority message", the prefix's line number dropped.
+inline Strings rendered(const LogCapture& log) {
+    static const std::regex lineNumber("^(\\[[^\\]]+\\])\\[[0-9]+\\]");
+    Strings out;
+    for (const auto& line : log.lines()) {
+        out.push_back(line.tag + "/" + std::to_string(line.priority) + " " +
+                      std::regex_replace(line.message, lineNumber, "$1"));
     }
-    return content;
+    return out;
 }
 
 }  // namespace capture_test
