@@ -1,375 +1,208 @@
-// The GPU path's environment, render targets and entry points, run for real on Mesa.
-#include <EGL/egl.h>
-#include <android/log.h>
-#include <gtest/gtest.h>
-#include <ui/GrallocPrivate.h>
+// The GPU path run for real on Mesa: shaders, EGL environment, entry points, draw geometry.
+#include <android-base/stringprintf.h>
 #include <unistd.h>
 
-#include <string>
+#include <array>
+#include <utility>
 
 #include "GpuTestUtil.h"
-#include "LogCapture.h"
-#include "TestUtil.h"
-#include "gpu_draw.h"
 
 namespace {
 
 using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
-using gpu_test::makeFilledBuffer;
-using gpu_test::setGpuLogLevel;
-
-constexpr const char* kEglCheckPrefix =
-    "Call EGL API result is not GL_TRUE in "
-    "tv/hardware/interfaces/capture/1.0/default/gpu/gpu_draw,";
+using ::android::base::StringPrintf;
 
 class GpuEnvTest : public ::testing::Test {
 protected:
     void SetUp() override { gpu_test::keepMesaDriverLoaded(); }
+    LogCapture log;
 };
 
-TEST_F(GpuEnvTest, EglInitOnMesaMakesTheContextCurrentAndReportsWhatItRefuses) {
-    LogCapture log;
-    setGpuLogLevel(64);
-    GpuDrawing drawing;
-    ASSERT_EQ(1u, drawing.egl_init_env()) << log.dump();
-    EXPECT_NE(EGL_NO_DISPLAY, drawing.display);
-    EXPECT_NE(EGL_NO_CONTEXT, drawing.context);
-    EXPECT_EQ(drawing.context, eglGetCurrentContext());
-    EXPECT_EQ(EGL_NO_SURFACE, eglGetCurrentSurface(EGL_DRAW));
+// The fragment text of every type. Types differ in the YUV-target extension line, the sampler
+// type, the output layout and the colour conversion: parts that, but for a samplerExternalOES
+// sampler, only the device's driver understands.
+constexpr char kFragment[] =
+    "#version 300 es\n"
+    "#extension GL_OES_EGL_image_external_essl3 : require\n"
+    "%s"
+    "uniform %s sampler_video;\n"
+    "precision highp float;\n"
+    "in vec2 texcoord_video;\n"
+    "%sout vec4 outColor;\n"
+    "void main() {\n"
+    "  vec4 texColor = texture(sampler_video, texcoord_video);\n"
+    "%s"
+    "  outColor = texColor;\n"
+    "}\n";
+constexpr char kYuvTarget[] = "#extension GL_EXT_YUV_target: require\n";
 
-    // No 16-sample config: the count is logged and the context is made without a config.
-    const LogLine count = log.find("eglGetConfigs numConfigs=");
-    EXPECT_EQ(ANDROID_LOG_INFO, count.priority);
-    EXPECT_EQ("GPU_CAPTURE", count.tag);
-    EXPECT_EQ("eglGetConfigs numConfigs=0\n", stripLogPrefix(count.message));
-    // The pbuffer needs a config, so there is no surface to destroy: a refused EGL call.
-    const LogLine refused = log.find(std::string(kEglCheckPrefix) + "egl_init_env,");
-    EXPECT_EQ(ANDROID_LOG_INFO, refused.priority) << log.dump();
-    const LogLine version = log.find("egl version = \"OpenGL ES 3");
-    EXPECT_EQ(ANDROID_LOG_DEBUG, version.priority) << log.dump();
-    EXPECT_NE(std::string::npos, version.message.find("vendor = \"")) << version.message;
-
-    EXPECT_EQ(1u, drawing.egl_cleanup());
-    EXPECT_EQ(EGL_NO_DISPLAY, drawing.display);
-    EXPECT_EQ(EGL_NO_CONTEXT, drawing.context);
-    EXPECT_EQ(EGL_NO_CONTEXT, eglGetCurrentContext());
-    log.clear();
-    EXPECT_EQ(1u, drawing.egl_cleanup());
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
-}
-
-// Runs `body` in a fresh process of this binary in which EGL finds no driver at all, so
-// eglMakeCurrent fails; the child's exit code carries the verdict.
-void inProcessWithoutEglDriver(bool (*body)()) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent/egl_vendor.json", 1);
-            _exit(body() ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
-}
-
-TEST(GpuEnvNoDriverTest, EglInitFailureKeepsNothingAndCleanupDoesNothing) {
-    inProcessWithoutEglDriver([]() {
-        LogCapture log;
-        setGpuLogLevel(32);
-        GpuDrawing drawing;
-        bool ok = drawing.egl_init_env() == 0;
-        ok = ok && drawing.display == EGL_NO_DISPLAY && drawing.context == EGL_NO_CONTEXT;
-        // EGL_BAD_DISPLAY, as an error line.
-        const LogLine line = log.find("Failed to make the OpenGL ES Context current: ");
-        ok = ok && line.priority == ANDROID_LOG_ERROR &&
-             stripLogPrefix(line.message) ==
-                 "Failed to make the OpenGL ES Context current: " + std::to_string(EGL_BAD_DISPLAY);
-        log.clear();
-        ok = ok && drawing.egl_cleanup() == 1 && log.lines().empty();
-        if (!ok) fprintf(stderr, "%s", log.dump().c_str());
-        return ok;
-    });
-}
-
-TEST(GpuEnvNoDriverTest, EnvironmentWithoutContextIsStillHandedOutAndDraws) {
-    inProcessWithoutEglDriver([]() {
-        LogCapture log;
-        GpuDrawing* drawing = nullptr;
-        bool ok = gpu_init_drawing_env(GPU_COVERT_RGB_TO_RGB, &drawing) == 1;
-        ok = ok && drawing != nullptr && drawing->display == EGL_NO_DISPLAY;
-        GpuPhotoFeatureIn* feature =
-            gpu_feature_instance_create(0.0f, 16, 16, 16, 16, 0, 0, 16, 16, nullptr, nullptr);
-        ok = ok && gpu_draw_frame(feature, drawing) == 1;
-        gpu_feature_instance_delete(feature);
-        gpu_deinit_drawing_env(drawing);
-        if (!ok) fprintf(stderr, "%s", log.dump().c_str());
-        return ok;
-    });
-}
-
-TEST_F(GpuEnvTest, LogLinesAreGatedByLevelExceptFailedCalls) {
-    struct Case {
-        uint32_t level;
-        bool debug;
-        bool info;
-        bool gatedError;
-    };
-    const Case cases[] = {
-        {0, false, false, false}, {31, false, false, false}, {32, false, false, true},
-        {47, false, false, true}, {48, true, false, true},   {63, true, false, true},
-        {64, true, true, true},   {255, true, true, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE("level " + std::to_string(c.level));
-        LogCapture log;
-        setGpuLogLevel(c.level);
-        {
-            GpuDrawing drawing;                     // debug: constructor line
-            ASSERT_EQ(1u, drawing.egl_init_env());  // info: config count; EGL refusal
-            gpu_draw_frame(nullptr, &drawing);      // gated error
-            drawing.gles_link_program();            // program 0: a GL error
-        }
-        EXPECT_EQ(c.debug ? 1u : 0u, log.countExact("GpuDrawing Constructor"));
-        EXPECT_EQ(c.debug ? 1u : 0u, log.countExact("GpuDrawing Destructor"));
-        EXPECT_EQ(c.info ? 1u : 0u, log.count("eglGetConfigs numConfigs="));
-        EXPECT_EQ(c.gatedError ? 1u : 0u, log.count("nothing to draw"));
-        // Failed calls are always written.
-        EXPECT_EQ(1u, log.count(std::string(kEglCheckPrefix) + "egl_init_env,"));
-        const LogLine glError = log.find(
-            "OpenGL error 0x0501 in tv/hardware/interfaces/capture/1.0/default/gpu/gpu_draw,"
-            "gles_link_program,");
-        EXPECT_EQ(ANDROID_LOG_ERROR, glError.priority) << log.dump();
-        if (c.debug) {
-            const LogLine ctor = log.find("GpuDrawing Constructor");
-            EXPECT_EQ(ANDROID_LOG_DEBUG, ctor.priority);
-            EXPECT_EQ("GPU_CAPTURE", ctor.tag);
-            EXPECT_EQ(0u, ctor.message.rfind("[GpuDrawing][", 0)) << ctor.message;
-        }
+TEST(ShaderTextTest, TextsAreExactForEveryType) {
+    const std::string plain = StringPrintf(kFragment, kYuvTarget, "samplerExternalOES", "", "");
+    const std::string rgbToYuv =
+        StringPrintf(kFragment, kYuvTarget, "samplerExternalOES", "layout (yuv) ",
+                     "  texColor = vec4(rgb_2_yuv(texColor.xyz, itu_601), texColor.w);\n");
+    const std::string yuvToYuv =
+        StringPrintf(kFragment, kYuvTarget, "__samplerExternal2DY2YEXT", "layout (yuv) ", "");
+    // Types 0 and 2 and every value out of range share the plain text.
+    const std::pair<int32_t, const std::string*> cases[] = {
+        {0, &plain}, {1, &rgbToYuv}, {2, &plain}, {3, &yuvToYuv}, {4, &plain}, {-1, &plain}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE("type " + std::to_string(c.first));
+        EXPECT_EQ(*c.second,
+                  gpu_fragment_shader_source(static_cast<gpu_format_covert_type>(c.first)));
     }
+    EXPECT_STREQ(
+        "#version 300 es\n"
+        "#extension GL_OES_EGL_image_external_essl3 : require\n"
+        "precision mediump float;\n"
+        "precision mediump int;\n"
+        "in vec4 in_vertex_video;\n"
+        "in vec2 in_texcoord_video;\n"
+        "out highp vec2 texcoord_video;\n"
+        "uniform mat4 transform;\n"
+        "void main(void)\n"
+        "{\n"
+        "    gl_Position = transform * in_vertex_video;\n"
+        "    texcoord_video = in_texcoord_video;\n"
+        "}",
+        gpu_vertex_shader_source());
 }
 
-TEST(GpuLogLevelTest, SetDebugLogLevelStoresTheLevel) {
-    // The initial value, in a process where nothing has set it yet.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(_exit(GPU_LOG_LEVEL == 32u ? 0 : 1), ::testing::ExitedWithCode(0), "");
+TEST_F(GpuEnvTest, EglAndShadersRunOnMesaAndLogWhatThePlatformRefuses) {
     gpu_set_debug_log_level(64);
-    EXPECT_EQ(64u, GPU_LOG_LEVEL);
-    gpu_set_debug_log_level(0);
-    EXPECT_EQ(0u, GPU_LOG_LEVEL);
+    GpuDrawing env;
+    ASSERT_EQ(1u, env.egl_init_env()) << log.dump();
+    EXPECT_NE(EGL_NO_CONTEXT, env.context);
+    EXPECT_EQ(env.context, eglGetCurrentContext());
+    // No 16-sample config: the context is made without one, and the pbuffer needing one refused.
+    EXPECT_EQ(1u, log.countExact("eglGetConfigs numConfigs=0\n"));
+    EXPECT_EQ(1u, log.count("Call EGL API result is not GL_TRUE in tv/hardware/interfaces/"
+                            "capture/1.0/default/gpu/gpu_draw,egl_init_env,"))
+        << log.dump();
+
+    // What is left of every type's text without the device-only parts.
+    const std::string shared = StringPrintf(kFragment, "", "samplerExternalOES", "", "");
+    ASSERT_EQ(1u, env.gles_compile_shaders(gpu_vertex_shader_source(), shared.c_str()))
+        << log.dump();
+    env.program = glCreateProgram();
+    glAttachShader(env.program, env.vertex_shader);
+    glAttachShader(env.program, env.fragment_shader);
+    EXPECT_EQ(1u, env.gles_link_program()) << log.dump();
+    EXPECT_GE(glGetUniformLocation(env.program, "sampler_video"), 0);
+    env.gles_cleanup();
+
+    for (int32_t type = 0; type <= 3; ++type) {
+        SCOPED_TRACE("type " + std::to_string(type));
+        log.clear();
+        GpuDrawing full;  // in the context made above
+        EXPECT_EQ(1u, full.gles_init_shaders(static_cast<gpu_format_covert_type>(type)));
+        // The driver's complaint is logged, the link then fails, and using the unlinked program
+        // is an OpenGL error; the environment still gets its program and vertex names.
+        const LogLine refused = log.find("[gles_compile_shaders(");
+        EXPECT_EQ(ANDROID_LOG_ERROR, refused.priority) << log.dump();
+        EXPECT_NE(std::string::npos, refused.message.find("GL_EXT_YUV_target"));
+        EXPECT_EQ(1u, log.count("[gles_link_program("));
+        EXPECT_EQ(1u, log.count("OpenGL error 0x0502 in tv/hardware/interfaces/capture/1.0/"
+                                "default/gpu/gpu_draw,gles_init_shaders,"));
+        EXPECT_TRUE(full.program != 0 && full.vertex_array != 0 && full.fragment_shader == 0);
+    }
+    EXPECT_EQ(1u, env.egl_cleanup());
+    EXPECT_EQ(EGL_NO_DISPLAY, env.display);
+    EXPECT_EQ(EGL_NO_CONTEXT, eglGetCurrentContext());
 }
 
-TEST_F(GpuEnvTest, FeatureRecordTakesTheNineValuesInOrderAndFormatsStayZero) {
-    LogCapture log;
-    setGpuLogLevel(48);
-    capture_test::TestHandle src;
-    capture_test::TestHandle dst;
-    GpuPhotoFeatureIn* feature =
-        gpu_feature_instance_create(90.5f, 1, 2, 3, 4, 5, 6, 7, 8, src.get(), dst.get());
-    ASSERT_NE(nullptr, feature);
-    EXPECT_EQ(90.5f, feature->rotation);
-    EXPECT_EQ(1, feature->srcWidth);
-    EXPECT_EQ(2, feature->srcHeight);
-    EXPECT_EQ(3, feature->dstWidth);
-    EXPECT_EQ(4, feature->dstHeight);
-    EXPECT_EQ(5, feature->cropX);
-    EXPECT_EQ(6, feature->cropY);
-    EXPECT_EQ(7, feature->cropWidth);
-    EXPECT_EQ(8, feature->cropHeight);
-    EXPECT_EQ(src.get(), feature->srcHandle);
-    EXPECT_EQ(dst.get(), feature->dstHandle);
-    EXPECT_EQ(0u, feature->srcFormat);
-    EXPECT_EQ(0u, feature->dstFormat);
-    EXPECT_EQ(1u, log.countExact("GpuPhotoFeatureIn Constructor")) << log.dump();
-    gpu_feature_instance_delete(feature);
-    EXPECT_EQ(1u, log.countExact("GpuPhotoFeatureIn Destructor")) << log.dump();
+// In a child process whose EGL finds no driver, so that no context can be made current.
+TEST(GpuEnvNoDriverTest, EnvironmentWithoutContextIsStillHandedOutAndDraws) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto child = []() {
+        setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent/egl_vendor.json", 1);
+        GpuPhotoFeatureIn feature(nullptr, nullptr);
+        feature.srcWidth = feature.srcHeight = feature.dstWidth = feature.dstHeight = 16;
+        GpuDrawing* drawing = nullptr;
+        const bool ok = gpu_init_drawing_env(GPU_COVERT_RGB_TO_RGB, &drawing) == 1 &&
+                        drawing->context == EGL_NO_CONTEXT &&
+                        gpu_draw_frame(&feature, drawing) == 1;
+        gpu_deinit_drawing_env(drawing);
+        _exit(ok ? 0 : 1);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(GpuEnvTest, NullObjectsAreIgnored) {
-    LogCapture log;
-    setGpuLogLevel(255);
+TEST_F(GpuEnvTest, EntryPointsOwnWhatTheyMakeAndRefuseWhatCannotBeDrawn) {
+    gpu_set_debug_log_level(48);
     gpu_deinit_drawing_env(nullptr);
     gpu_feature_instance_delete(nullptr);
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 
-    // No place for the result: nothing is created, so nothing can leak.
-    EXPECT_EQ(0, gpu_init_drawing_env(GPU_COVERT_RGB_TO_RGB, nullptr));
-    EXPECT_EQ(0u, log.count("GpuDrawing Constructor"));
-    EXPECT_EQ(EGL_NO_CONTEXT, eglGetCurrentContext());
-}
-
-TEST_F(GpuEnvTest, InitAndDeinitDrawingEnvOwnTheContext) {
-    LogCapture log;
-    setGpuLogLevel(48);
     GpuDrawing* drawing = nullptr;
     ASSERT_EQ(1, gpu_init_drawing_env(GPU_COVERT_RGB_TO_YUV, &drawing));
-    ASSERT_NE(nullptr, drawing);
     EXPECT_EQ(drawing->context, eglGetCurrentContext());
-    EXPECT_NE(0u, drawing->program);
+    EXPECT_EQ(GL_TRUE, glIsProgram(drawing->program));
     EXPECT_EQ(1u, log.countExact("gpu_format_covert_type: 1 "));
-    const GLuint program = drawing->program;
-    EXPECT_EQ(GL_TRUE, glIsProgram(program));
     gpu_deinit_drawing_env(drawing);
     EXPECT_EQ(EGL_NO_CONTEXT, eglGetCurrentContext());
-    EXPECT_EQ(1u, log.countExact("GpuDrawing Destructor"));
-}
+    EXPECT_EQ(1u, log.countExact("GpuDrawing Destructor"));  // a debug line: 48 lets it through
+    EXPECT_EQ(0u, log.count("eglGetConfigs numConfigs="));   // an information line does not
 
-TEST_F(GpuEnvTest, GlesCleanupTwiceOnlyDeletesTheVertexNamesAgain) {
-    setGpuLogLevel(32);
-    GpuDrawing drawing;
-    ASSERT_EQ(1u, drawing.egl_init_env());
-    drawing.gles_init_shaders(GPU_COVERT_RGB_TO_RGB);
-    const GLuint program = drawing.program;
-    const GLuint vertexArray = drawing.vertex_array;
-    const GLuint vertexBuffer = drawing.vertex_buffer;
-    // Make the names real objects, so that their deletion can be seen.
-    drawing.gles_generate_vertex(-1, 1, 1, -1, 0, 1, 1, 0);
-    ASSERT_EQ(GL_TRUE, glIsVertexArray(vertexArray));
-    ASSERT_EQ(GL_TRUE, glIsBuffer(vertexBuffer));
-    glGetError();
-
-    EXPECT_EQ(1u, drawing.gles_cleanup());
-    EXPECT_EQ(GL_FALSE, glIsVertexArray(vertexArray));
-    EXPECT_EQ(GL_FALSE, glIsBuffer(vertexBuffer));
-    EXPECT_EQ(GL_FALSE, glIsProgram(program));
-    EXPECT_EQ(0u, drawing.program);
-    // The two vertex names are not cleared.
-    EXPECT_EQ(vertexArray, drawing.vertex_array);
-    EXPECT_EQ(vertexBuffer, drawing.vertex_buffer);
-
-    EXPECT_EQ(1u, drawing.gles_cleanup());
-    EXPECT_EQ(static_cast<GLenum>(GL_NO_ERROR), glGetError());
-}
-
-// A render target and a source from the host allocator.
-struct Buffers {
-    Buffers(uint32_t srcWidth, uint32_t srcHeight, int32_t srcFormat, uint32_t dstWidth,
-            uint32_t dstHeight, int32_t dstFormat)
-        : src(makeFilledBuffer(srcWidth, srcHeight, srcFormat, 1)),
-          dst(makeFilledBuffer(dstWidth, dstHeight, dstFormat, 2)) {}
-    native_handle_t* srcHandle() const { return const_cast<native_handle_t*>(src->handle); }
-    native_handle_t* dstHandle() const { return const_cast<native_handle_t*>(dst->handle); }
-    gpu_test::sp<gpu_test::GraphicBuffer> src;
-    gpu_test::sp<gpu_test::GraphicBuffer> dst;
-};
-
-TEST_F(GpuEnvTest, DrawOnMesaLogsWhatThePlatformRefusesAndGoesOn) {
-    LogCapture log;
-    setGpuLogLevel(48);
-    Buffers buffers(60, 34, GRALLOC_PRIVATE_FORMAT_NV12, 30, 20, HAL_PIXEL_FORMAT_RGBA_8888);
-    ASSERT_NE(nullptr, buffers.src);
-    ASSERT_NE(nullptr, buffers.dst);
-    GpuDrawing* drawing = nullptr;
-    ASSERT_EQ(1, gpu_init_drawing_env(GPU_COVERT_YUV_TO_RGB, &drawing));
-    GpuPhotoFeatureIn* feature = gpu_feature_instance_create(
-        0.0f, 60, 34, 30, 20, 0, 0, 60, 34, buffers.srcHandle(), buffers.dstHandle());
-    feature->srcFormat = GRALLOC_PRIVATE_FORMAT_NV12;
-    feature->dstFormat = HAL_PIXEL_FORMAT_RGBA_8888;
-    log.clear();
-
-    EXPECT_EQ(1, gpu_draw_frame(feature, drawing));
-
-    // The allocator's strides: NV12 rows align to 64 pixels, RGBA rows to 16.
-    EXPECT_EQ(1u, log.countExact("dst: private_handle->stride = [32] ")) << log.dump();
-    EXPECT_EQ(1u, log.countExact("src: private_handle->stride = [64], out_bytes_perstride = [64]"))
-        << log.dump();
-    // No Android native-buffer images here, for either buffer.
-    EXPECT_EQ(2u, log.count("eglCreateImageKHR of a ")) << log.dump();
-    EXPECT_EQ(ANDROID_LOG_ERROR, log.find("eglCreateImageKHR of a 30x20 buffer failed").priority);
-    EXPECT_EQ(ANDROID_LOG_ERROR, log.find("glCheckFramebufferStatus() error: ").priority)
-        << log.dump();
-    EXPECT_GE(log.count("OpenGL error 0x"), 1u);
-
-    // The draw ran to its end, in order.
-    const auto lines = log.lines();
-    size_t previous = 0;
-    for (int marker = 1; marker <= 5; ++marker) {
-        SCOPED_TRACE("marker " + std::to_string(marker));
-        const auto found = gpu_test::indicesOf(lines, "debug postion " + std::to_string(marker));
-        ASSERT_EQ(1u, found.size()) << log.dump();
-        EXPECT_GT(found[0], previous);
-        previous = found[0];
-    }
-    EXPECT_EQ(1u, log.countExact("out_bytes_perstride: 128"));
-
-    EXPECT_NE(0u, drawing->dst_image.texture);
-    EXPECT_NE(0u, drawing->dst_image.framebuffer);
-    EXPECT_NE(0u, drawing->src_image.texture);
-    EXPECT_EQ(0u, drawing->src_image.framebuffer);
-    EXPECT_EQ(feature, drawing->dst_image.feature);
-    EXPECT_EQ(nullptr, drawing->src_image.feature);
-    ASSERT_NE(nullptr, drawing->dst_image.buffer);
-    // The wrap holds a clone of the handle, not the caller's.
-    EXPECT_NE(buffers.dstHandle(), drawing->dst_image.buffer->handle);
-    EXPECT_EQ(30u, drawing->dst_image.buffer->getWidth());
-
-    gpu_feature_instance_delete(feature);
-    gpu_deinit_drawing_env(drawing);
-}
-
-TEST_F(GpuEnvTest, RenderTargetsOfAnEarlierDrawAreReleased) {
-    setGpuLogLevel(32);
-    Buffers buffers(64, 32, HAL_PIXEL_FORMAT_RGBA_8888, 64, 32, HAL_PIXEL_FORMAT_RGBA_8888);
-    GpuDrawing drawing;
-    ASSERT_EQ(1u, drawing.egl_init_env());
-    GpuPhotoFeatureIn feature(buffers.srcHandle(), buffers.dstHandle());
-    feature.srcWidth = feature.dstWidth = feature.cropWidth = 64;
-    feature.srcHeight = feature.dstHeight = feature.cropHeight = 32;
-    feature.srcFormat = feature.dstFormat = HAL_PIXEL_FORMAT_RGBA_8888;
-
-    const int fdsBefore = capture_test::countOpenFds();
-    drawing.gles_init_RenderTargets(&feature);
-    const GLuint firstTexture = drawing.src_image.texture;
-    const GLuint firstFramebuffer = drawing.dst_image.framebuffer;
-    ASSERT_EQ(GL_TRUE, glIsTexture(firstTexture));
-    ASSERT_EQ(GL_TRUE, glIsFramebuffer(firstFramebuffer));
-    const int fdsWithOne = capture_test::countOpenFds();
-    EXPECT_EQ(fdsBefore + 2, fdsWithOne);  // one cloned handle per wrapped buffer
-
-    drawing.gles_init_RenderTargets(&feature);
-    EXPECT_EQ(GL_FALSE, glIsFramebuffer(firstFramebuffer));
-    EXPECT_EQ(fdsWithOne, capture_test::countOpenFds());
-    EXPECT_EQ(GL_TRUE, glIsTexture(drawing.src_image.texture));
-}
-
-TEST_F(GpuEnvTest, SourceWithoutSizeIsNeverDrawn) {
-    struct Case {
-        int width;
-        int height;
-    };
-    for (const Case c : {Case{0, 1080}, Case{1920, 0}, Case{0, 0}, Case{-4, 10}}) {
-        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
-        LogCapture log;
-        setGpuLogLevel(48);
-        GpuDrawing drawing;
-        GpuPhotoFeatureIn* feature = gpu_feature_instance_create(0.0f, c.width, c.height, 16, 16, 0,
-                                                                 0, 16, 16, nullptr, nullptr);
-        EXPECT_EQ(0, gpu_draw_frame(feature, &drawing));
-        const std::string size = std::to_string(c.width) + "x" + std::to_string(c.height);
-        EXPECT_EQ(1u, log.countExact("source size " + size + " cannot be sampled, nothing drawn"))
-            << log.dump();
-        EXPECT_EQ(0u, log.count("debug postion"));
-        EXPECT_EQ(nullptr, drawing.dst_image.feature);
-        gpu_feature_instance_delete(feature);
-    }
-}
-
-TEST_F(GpuEnvTest, MissingPiecesAreRefusedWithoutDrawing) {
-    LogCapture log;
-    setGpuLogLevel(48);
-    GpuDrawing drawing;
-    EXPECT_EQ(0u, drawing.gles_draw_frame());  // no render target yet
-    EXPECT_EQ(0u, drawing.gles_init_RenderTargets(nullptr));
+    // A source without size never reaches the texture-coordinate division; nothing is drawn
+    // without a request or an environment either.
+    GpuDrawing bare;  // no context
     GpuPhotoFeatureIn feature(nullptr, nullptr);
+    feature.srcHeight = 1080;
+    EXPECT_EQ(0, gpu_draw_frame(&feature, &bare));
+    feature.srcWidth = 1920;
+    feature.srcHeight = 0;
+    EXPECT_EQ(0, gpu_draw_frame(&feature, &bare));
+    EXPECT_EQ(1u, log.countExact("source size 0x1080 cannot be sampled, nothing drawn"));
+    EXPECT_EQ(1u, log.countExact("source size 1920x0 cannot be sampled, nothing drawn"));
     EXPECT_EQ(0, gpu_draw_frame(&feature, nullptr));
-    EXPECT_EQ(0, gpu_draw_frame(nullptr, &drawing));
+    EXPECT_EQ(0, gpu_draw_frame(nullptr, &bare));
     EXPECT_EQ(0u, log.count("debug postion")) << log.dump();
+}
 
-    // Never-configured buffers: logged, and the draw still goes through without them.
-    feature.srcWidth = feature.srcHeight = feature.dstWidth = feature.dstHeight = 8;
+TEST(GpuGeometryTest, ShortenedPiZeroIsTheIdentityAndNinetyAQuarterTurn) {
+    uint32_t bits = 0;
+    memcpy(&bits, &kGpuRotationPi, sizeof(bits));
+    EXPECT_EQ(0x40490FDAu, bits);
+    for (const auto& [degrees, cosine, sine] :
+         {std::array<float, 3>{0, 1, 0}, {90, 0, 1}, {180, -1, 0}}) {
+        SCOPED_TRACE(degrees);
+        // Column-major, counter-clockwise about the screen normal.
+        const float expected[16] = {cosine, sine, 0, 0, -sine, cosine, 0, 0,
+                                    0,      0,    1, 0, 0,     0,      0, 1};
+        const ::android::mat4 m = gpu_rotation_matrix(degrees);
+        for (int i = 0; i < 16; ++i) EXPECT_NEAR(expected[i], m.asArray()[i], 1e-6f) << i;
+    }
+}
+
+TEST_F(GpuEnvTest, DrawUploadsTwoTrianglesOfTheViewportWithTheCropsTextureCoords) {
+    gpu_set_debug_log_level(0);
+    GpuDrawing drawing;
     ASSERT_EQ(1u, drawing.egl_init_env());
     drawing.gles_init_shaders(GPU_COVERT_RGB_TO_RGB);
-    EXPECT_EQ(1, gpu_draw_frame(&feature, &drawing));
-    EXPECT_EQ(2u, log.count("no buffer to wrap: handle ")) << log.dump();
-    EXPECT_EQ(1u, log.count("debug postion 5"));
-    EXPECT_EQ(nullptr, drawing.dst_image.buffer);
+    GpuPhotoFeatureIn* feature =
+        gpu_feature_instance_create(0.0f, 1000, 500, 64, 64, 100, 100, 500, 300, nullptr, nullptr);
+    EXPECT_EQ(1, gpu_draw_frame(feature, &drawing));
+    gpu_feature_instance_delete(feature);
+
+    // Position xyzw, texture st: the crop's left 0.1, right 0.6, top (last row) 0.8, bottom 0.2.
+    const std::vector<float> expected = {
+        -1, 1,  0, 1, 0.1f, 0.8f,  //
+        -1, -1, 0, 1, 0.1f, 0.2f,  //
+        1,  -1, 0, 1, 0.6f, 0.2f,  //
+        1,  -1, 0, 1, 0.6f, 0.2f,  //
+        1,  1,  0, 1, 0.6f, 0.8f,  //
+        -1, 1,  0, 1, 0.1f, 0.8f,  //
+    };
+    glBindBuffer(GL_ARRAY_BUFFER, drawing.vertex_buffer);
+    GLint size = 0;
+    glGetBufferParameteriv(GL_ARRAY_BUFFER, GL_BUFFER_SIZE, &size);
+    ASSERT_EQ(144, size);
+    const auto* mapped =
+        static_cast<const float*>(glMapBufferRange(GL_ARRAY_BUFFER, 0, 144, GL_MAP_READ_BIT));
+    ASSERT_NE(nullptr, mapped);
+    EXPECT_EQ(expected, std::vector<float>(mapped, mapped + 36));
+    glUnmapBuffer(GL_ARRAY_BUFFER);
 }
 
 }  // namespace

@@ -161,7 +161,6 @@ private:
     static CaptureReturn captureOnceGpu(int32_t captureId);
 
     // Lets the GPU path's tests run the branch without the rest of captureOnce.
-    friend struct GpuCaptureTestPeer;
 };
 
 // Binder-less host entry, as passthrough HALs export it.
