@@ -1,12 +1,14 @@
-// setCaptureInfo: the checks and their order, the picture-quality binding, and the 152-byte
-// record the sub-HAL receives.
+// setCaptureInfo, setCaptureFrameInfo and the capability query with its DIP-or-GPU decision.
+#include <android-base/properties.h>
 #include <android/log.h>
-#include <cutils/native_handle.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Capture.h"
@@ -18,383 +20,539 @@ namespace capture_test {
 namespace {
 
 using fake_subhal::Entry;
+using R = CaptureReturn;
+using Fmt = CaptureFormat;
+using Src = CaptureSrcFrameInfo;
+using Dst = CaptureDstFrameInfo;
+using Offsets = std::vector<uint32_t>;
+using Bytes = std::vector<uint8_t>;
+using Point = CapturePoint;
+using Space = CaptureColorSpace;
+using Colorimetry = CaptureColorimetry;
+using Secure = SecureBufferCfg;
+using Bw = BandwidthCfg;
 
-constexpr int32_t kId = 0x73000000;
+constexpr R kBadId = R::INVALID_CAPTURE_ID;
+constexpr R kBadBuffer = R::INVALID_BUFFER;
+constexpr R kBadArgument = R::INVALID_ARGUMENT;
+constexpr R kBadFormat = R::FORMAT_NOT_SUPPORT;
 
-void put32(std::vector<uint8_t>& rec, size_t offset, uint32_t value) {
-    std::memcpy(rec.data() + offset, &value, sizeof(value));
+constexpr int32_t kId = 0x7300001F;  // the last slot, never opened: only the range is checked
+constexpr int kSlot = 31;
+constexpr uint32_t kTileWidthMax = 0x1234;
+constexpr uint8_t kUntouched = 7;  // mUseGpu sentinel
+
+template <typename T>
+Bytes bytesOf(const T& record) {
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(&record);
+    return Bytes(p, p + sizeof(record));
 }
 
-// Reports every differing byte with its offset, so a shifted field names itself.
-void expectSameBytes(const std::vector<uint8_t>& expected, const std::vector<uint8_t>& actual) {
-    ASSERT_EQ(expected.size(), actual.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(expected[i], actual[i]) << "record byte at offset " << i;
-    }
+// Consecutive 32-bit words, as the sub-HAL's records hold them.
+Bytes bytesOf(std::initializer_list<uint32_t> words) {
+    return Bytes(reinterpret_cast<const uint8_t*>(words.begin()),
+                 reinterpret_cast<const uint8_t*>(words.end()));
 }
 
-// A handle the checks must refuse: no descriptors, or a first descriptor that is not open.
-struct BadHandle {
-    BadHandle(int numFds, int firstFd) : handle(native_handle_create(numFds, 1)) {
-        if (numFds > 0) handle->data[0] = firstFd;
-    }
-    ~BadHandle() { native_handle_delete(handle); }
-    native_handle_t* handle;
+void put32(Bytes& rec, size_t offset, uint32_t word) {
+    std::memcpy(&rec.at(offset), &word, sizeof(word));
+}
+
+void expectBytes(const Bytes& want, const Bytes& got) {
+    ASSERT_EQ(want.size(), got.size());
+    for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(want[i], got[i]) << "offset " << i;
+}
+
+std::string sizeLine(const std::string& what, int width, int height) {
+    return what + " width(" + std::to_string(width) + ") or height(" + std::to_string(height) +
+           ") is invalid!";
+}
+
+// A fault, whether it comes with those of every case below it (which must stay unheard), its code.
+template <typename... Records>
+struct Refusal {
+    std::function<void(Records&...)> change;
+    bool later;
+    R code;
+    std::string line;
 };
 
-// Every field distinct, so that a field taken from the wrong offset shows.
+// Every field distinct, so that one read from the wrong offset shows.
 CaptureInfo makeInfo(const native_handle_t* buffer) {
-    CaptureInfo info{};
-    info.capPoint = CapturePoint::PQ_STREAM_SCALED;
-    info.reserved4 = 0xDEAD0004;
-    info.pqId = 77;
-    info.pqWinId = -5;
-    info.srcWidth = 1920;
-    info.srcHeight = 1080;
-    info.srcFmt = 0x2A;
-    info.hwEngine = 3;
-    info.srcParam28 = 0x28282828;
-    info.srcParam32 = 0x32323232;
-    info.srcFps = 60;
-    info.srcParam40 = 0x40;
-    info.srcParam41 = 0x41;
-    info.srcFlag = 1;
-    info.cropX = 10;
-    info.cropY = 20;
-    info.cropWidth = 1280;
-    info.cropHeight = 720;
-    info.dstWidth = 1280;
-    info.dstHeight = 720;
-    info.dstFps = 30;
-    info.dstParam76 = 0x76767676;
-    info.dstParam80 = 0x80808080;
-    info.dstFmt = CaptureFormat::NV12;
-    info.dstFlag = 1;
-    info.colorSpace = CaptureColorSpace::BT2020;
-    info.dstBuffer = buffer;
-    for (uint32_t i = 0; i < 7; ++i) info.param[i] = 0x11110000 + i;
-    info.reserved140 = 0xDEAD0140;
-    info.param144 = 0x44;
-    info.secureBuffer = SecureBufferCfg::SECURE;
-    info.bandwidth = BandwidthCfg::HIGH;
-    info.b2rRbSwapped = false;
-    info.param148 = 0x48;
+    CaptureInfo info = {Point(3),   0xDEAD0004, 77,         -5,    1920,     1080,   0x2A,
+                        3,          0x28282828, 0x32323232, 60,    0x40,     0x41,   1,
+                        10,         20,         1280,       720,   1280,     720,    30,
+                        0x76767676, 0x80808080, Fmt::NV12,  1,     Space(2), buffer, {},
+                        0xDEAD0140, 0x44,       Secure(1),  Bw(2), false,    0x48};
+    for (uint32_t i = 0; i < 7; ++i) info.param[i] = 0x111 + i;
     return info;
 }
 
-// The record makeInfo() must produce, written independently from the wire layout.
-std::vector<uint8_t> expectedRecord(int fd) {
-    std::vector<uint8_t> rec(152, 0);
-    put32(rec, 0, 3);
-    put32(rec, 8, 77);
-    put32(rec, 12, static_cast<uint32_t>(-5));
-    put32(rec, 16, 1920);
-    put32(rec, 20, 1080);
-    rec[24] = 0x2A;
-    rec[25] = 3;
-    put32(rec, 28, 0x28282828);
-    put32(rec, 32, 0x32323232);
-    put32(rec, 36, 60);
-    rec[40] = 0x40;
-    rec[41] = 0x41;
-    put32(rec, 44, 1);
-    put32(rec, 48, 10);
-    put32(rec, 52, 20);
-    put32(rec, 56, 1280);
-    put32(rec, 60, 720);
-    put32(rec, 64, 1280);
-    put32(rec, 68, 720);
-    put32(rec, 72, 30);
-    put32(rec, 76, 0x76767676);
-    put32(rec, 80, 0x80808080);
-    put32(rec, 84, 11);  // NV12
-    put32(rec, 88, 2);
-    put32(rec, 92, 1);
-    put32(rec, 96, static_cast<uint32_t>(fd));
-    put32(rec, 100, static_cast<uint32_t>(-1));
-    for (uint32_t i = 0; i < 7; ++i) put32(rec, 104 + 4 * i, 0x11110000 + i);
-    put32(rec, 136, 0x44);
-    put32(rec, 140, 1);
-    put32(rec, 144, 2);
-    put32(rec, 148, 0x48);
-    return rec;
+// The record makeInfo() must become (the words at 24 and 40 hold two bytes each).
+Bytes expectedInfo(uint32_t fd) {
+    return bytesOf(
+        {3, 0,    77, 0xFFFFFFFB, 1920,  1080,  0x032A, 0x28282828, 0x32323232, 60,         0x4140,
+         1, 10,   20, 1280,       720,   1280,  720,    30,         0x76767676, 0x80808080, 11,
+         2, 1,    fd, 0xFFFFFFFF, 0x111, 0x112, 0x113,  0x114,      0x115,      0x116,      0x117,
+         0, 0x44, 1,  2,          0x48});
 }
 
-class SetCaptureInfoTest : public ServiceTest {
+Src makeSrc(const native_handle_t* buffer) {
+    Src src = {1920,       1080,       0x08080808, Fmt::NV12,  Space(1),   0xDEAD0020,
+               buffer,     0x40404040, 0x44444444, 0x48,       0x52525252, 0x56565656,
+               0x60606060, 0x64646464, 0xDEAD0068, 0x72727272, {},         2};
+    src.vPlaneOffset = Offsets{0x100, 0x200};
+    return src;
+}
+
+Dst makeDst(const native_handle_t* buffer) {
+    Dst dst = {8,          16,        640,        360,        1280,           720,
+               1344,       90,        Fmt::NV21,  Space(3),   buffer,         0x56,
+               0x60606060, 0x64,      0x68686868, 0x72727272, 0x76767676,     0x80808080,
+               0xDEAD0084, Secure(2), {},         Bw(1),      Colorimetry(3), 0x20,
+               0xDEAD0124};
+    dst.vPlaneOffset = Offsets{7, 8};
+    return dst;
+}
+
+// The records makeSrc() and makeDst() must become, with the words that the tests vary.
+Bytes expectedSrc(uint32_t fd0, uint32_t fd1, uint32_t colorimetry, uint32_t plane1) {
+    return bytesOf({1920,       1080,       0x08080808, 11,    1,          colorimetry,  fd0,
+                    fd1,        0x40404040, 0x44444444, 0x48,  0x52525252, 0x56565656,   0x60606060,
+                    0x64646464, 0,          0x72727272, 0x100, plane1,     kTileWidthMax});
+}
+
+Bytes expectedDst(uint32_t fd0, uint32_t fd1, uint32_t angle) {
+    return bytesOf({8,     16,         640,  360,        1280,       720,        1344,
+                    angle, 12,         3,    3,          0,          fd0,        fd1,
+                    0x56,  0x60606060, 0x64, 0x68686868, 0x72727272, 0x76767676, 0x80808080,
+                    0,     2,          0,    0,          1,          0x20});
+}
+
+class ConfigTest : public ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
         ASSERT_NO_FATAL_FAILURE(loadLibrary());
-        for (auto& point : Capture::mPointsSupportState) point = 1;
-        // A sentinel in the binding row shows whether a refused request touched it.
-        mPqStreamInfo[0].pqId = 555;
-        mPqStreamInfo[0].reserved = 666;
-        mPqStreamInfo[0].capturePoint = 777;
+        Capture::mSystemDtsConfig.TileWidthMax = kTileWidthMax;
+        // A sentinel binding shows whether a request touched the row.
+        mPqStreamInfo[kSlot].pqId = 555;
+        mPqStreamInfo[kSlot].capturePoint = 777;
+        ::close(minusOne.fd());
+        minusOne.get()->data[0] = -1;
     }
 
-    CaptureReturn set(int32_t id, const CaptureInfo& info) {
-        return static_cast<CaptureReturn>(service->setCaptureInfo(id, info));
+    R setInfo(const CaptureInfo& info) { return static_cast<R>(service->setCaptureInfo(id, info)); }
+
+    // The result and the plane offsets, given to a callback that must be called exactly once.
+    std::pair<R, Offsets> setFrame(const Src& src, const Dst& dst) {
+        std::pair<R, Offsets> answer{R::FAIL, {}};
+        int calls = 0;
+        service->setCaptureFrameInfo(id, src, dst, [&](R code, const hidl_vec<uint32_t>& v) {
+            ++calls;
+            answer = {code, v};
+        });
+        EXPECT_EQ(1, calls);
+        return answer;
     }
 
-    std::vector<uint8_t> lastRecord() {
-        auto calls = fake_subhal::callsOf(Entry::SetCaptureInfo);
-        return calls.empty() ? std::vector<uint8_t>() : calls.back().rec1;
-    }
-
-    TestHandle buffer;
+    int32_t id = kId;
+    TestHandle buffer{2};  // the capture-info record has room for the first descriptor only
+    TestHandle noFds{0};
+    TestHandle minusOne{1};
 };
 
-TEST_F(SetCaptureInfoTest, RecordMatchesClientFieldByField) {
-    ASSERT_EQ(CaptureReturn::SUCCESS, set(kId, makeInfo(buffer.get())));
-    auto calls = fake_subhal::callsOf(Entry::SetCaptureInfo);
-    ASSERT_EQ(1u, calls.size());
-    EXPECT_EQ(kId, calls[0].captureId);
-    expectSameBytes(expectedRecord(buffer.fd()), calls[0].rec1);
-    EXPECT_EQ(1u, log.countExact("numFds: 1 , dstBuffer->data[0]: " + std::to_string(buffer.fd())));
-    EXPECT_EQ(1u, log.countExact("Call VX_CAPTURE_SetCaptureInfo(), Ret: 0"));
-}
-
-// Flags pass only an exact 1; unknown enumerations take their mapping's fallback.
-TEST_F(SetCaptureInfoTest, FlagsAndUnknownEnumerationsInRecord) {
-    struct Case {
-        const char* name;
+// Each case changes one word of the record; only the picture-quality points 2..8 bind the slot.
+TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
+    const struct {
         std::function<void(CaptureInfo&)> change;
-        std::function<void(std::vector<uint8_t>&)> expect;
-        const char* logLine;  // the mapping's complaint, when there is one
+        bool swap;
+        size_t offset;
+        uint32_t word;
+    } cases[] = {
+        {[](auto&) {}, false, 84, 11},
+        {[](auto& i) { i.srcFlag = 2; }, false, 44, 0},
+        {[](auto& i) { i.dstFmt = Fmt::ARGB8888; }, true, 84, 3},
+        {[](auto& i) { i.dstFmt = Fmt::ABGR8888; }, true, 84, 2},
+        {[](auto& i) { i.dstFmt = Fmt::YUYV; }, true, 84, 0},
+        {[](auto& i) { i.dstFmt = Fmt::ARGB8888; }, false, 84, 2},
+        {[](auto& i) { i.capPoint = Point(1); }, false, 0, 1},
+        {[](auto& i) { i.capPoint = Point(2); }, false, 0, 2},
+        {[](auto& i) { i.capPoint = Point(9); }, false, 0, 9},
     };
-    const Case cases[] = {
-        {"src flag 2", [](CaptureInfo& i) { i.srcFlag = 2; },
-         [](std::vector<uint8_t>& r) { put32(r, 44, 0); }, nullptr},
-        {"dst flag all ones", [](CaptureInfo& i) { i.dstFlag = 0xFFFFFFFF; },
-         [](std::vector<uint8_t>& r) { put32(r, 92, 0); }, nullptr},
-        {"colour space 9", [](CaptureInfo& i) { i.colorSpace = CaptureColorSpace(9); },
-         [](std::vector<uint8_t>& r) { put32(r, 88, 0); }, "can't support this colorSpace: 9!"},
-        {"secure 3", [](CaptureInfo& i) { i.secureBuffer = SecureBufferCfg(3); },
-         [](std::vector<uint8_t>& r) { put32(r, 140, 0); },
-         "can't support this SecureBufferCfg: 3!"},
-        {"bandwidth 3", [](CaptureInfo& i) { i.bandwidth = BandwidthCfg(3); },
-         [](std::vector<uint8_t>& r) { put32(r, 144, 2); }, "can't support this BandwidthCfg: 3!"},
-        {"no sub-HAL format", [](CaptureInfo& i) { i.dstFmt = CaptureFormat::ARGB16161616; },
-         [](std::vector<uint8_t>& r) { put32(r, 84, 26); },
-         "dip can't support this format: 0x100000!"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        log.clear();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "case " << &c - cases);
         CaptureInfo info = makeInfo(buffer.get());
         c.change(info);
-        ASSERT_EQ(CaptureReturn::SUCCESS, set(kId, info));
-        std::vector<uint8_t> expected = expectedRecord(buffer.fd());
-        c.expect(expected);
-        expectSameBytes(expected, lastRecord());
-        if (c.logLine != nullptr) {
-            EXPECT_EQ(1u, log.countExact(c.logLine)) << log.dump();
-        }
+        info.b2rRbSwapped = c.swap;
+        ASSERT_EQ(R::SUCCESS, setInfo(info));
+        Bytes expected = expectedInfo(buffer.fd(0));
+        put32(expected, c.offset, c.word);
+        const fake_subhal::Call call = fake_subhal::callsOf(Entry::SetCaptureInfo).back();
+        EXPECT_EQ(kId, call.captureId);
+        expectBytes(expected, call.rec1);
+        const uint32_t point = static_cast<uint32_t>(info.capPoint);
+        EXPECT_EQ(point >= 2 && point <= 8 ? 77 : -1, mPqStreamInfo[kSlot].pqId);
+        EXPECT_EQ(point, mPqStreamInfo[kSlot].capturePoint);
     }
 }
 
-TEST_F(SetCaptureInfoTest, RedBlueSwapExchangesOnlyTheTwoRgbFormats) {
-    struct Case {
-        CaptureFormat format;
-        uint8_t swappedByte;  // raw byte: any non-zero value means swapped
-        uint32_t sent;
-        const char* changedLine;
-    };
-    const Case cases[] = {
-        {CaptureFormat::ARGB8888, 1, 3, "eOutputFormat changed to 3 "},
-        {CaptureFormat::ABGR8888, 1, 2, "eOutputFormat changed to 2 "},
-        {CaptureFormat::YUYV, 1, 0, "eOutputFormat changed to 0 "},
-        {CaptureFormat::ARGB8888, 2, 3, "eOutputFormat changed to 3 "},
-        {CaptureFormat::ARGB8888, 0, 2, nullptr},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message()
-                     << "format 0x" << std::hex << static_cast<uint32_t>(c.format) << " swap byte "
-                     << int(c.swappedByte));
-        log.clear();
-        CaptureInfo info = makeInfo(buffer.get());
-        info.dstFmt = c.format;
-        std::memcpy(&info.b2rRbSwapped, &c.swappedByte, 1);
-        ASSERT_EQ(CaptureReturn::SUCCESS, set(kId, info));
-        std::vector<uint8_t> rec = lastRecord();
-        uint32_t sent = 0;
-        std::memcpy(&sent, rec.data() + 84, 4);
-        EXPECT_EQ(c.sent, sent);
-        EXPECT_EQ(c.changedLine != nullptr ? 1u : 0u, log.count("eOutputFormat changed to"));
-        if (c.changedLine != nullptr) {
-            EXPECT_EQ(1u, log.countExact(c.changedLine));
-        }
-    }
-}
-
-struct RefusalCase {
-    const char* name;
-    int32_t id;
-    std::function<void(CaptureInfo&, const native_handle_t* bad[3])> change;
-    CaptureReturn code;
-    std::string logLine;
-};
-
-// Failure messages name the case rather than dump its bytes.
-void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
-
-class SetCaptureInfoRefusalTest : public SetCaptureInfoTest,
-                                  public ::testing::WithParamInterface<RefusalCase> {};
-
-// Each refusal: its own code and line, nothing written, the sub-HAL never called.
-TEST_P(SetCaptureInfoRefusalTest, RefusedBeforeAnythingIsWritten) {
-    const RefusalCase& c = GetParam();
-    BadHandle noFds(0, 0);
-    BadHandle negativeFd(1, -1);
-    const native_handle_t* bad[3] = {nullptr, noFds.handle, negativeFd.handle};
+// Each refusal gives its code and warning before anything is written or the sub-HAL is called.
+TEST_F(ConfigTest, CaptureInfoRefusalsInCheckOrder) {
     Capture::mPointsSupportState[5] = 0;
-    CaptureInfo info = makeInfo(buffer.get());
-    c.change(info, bad);
-
-    EXPECT_EQ(c.code, set(c.id, info));
+    const std::string buf = "[0x7300001f] setCaptureInfo fail, buffer is invalid!";
+    const std::string point = "[0x7300001f] setCaptureInfo fail, ";
+    const Refusal<CaptureInfo> cases[] = {
+        {[&](auto&) { id = 0x73000020; }, true, kBadId,
+         "setCaptureInfo , INVALID_CAPTURE_ID ERROR 0x73000020"},
+        {[&](auto&) { id = 0x72FFFFFF; }, true, kBadId,
+         "setCaptureInfo , INVALID_CAPTURE_ID ERROR 0x72ffffff"},
+        {[](auto& i) { i.dstBuffer = nullptr; }, true, kBadBuffer, buf},
+        {[&](auto& i) { i.dstBuffer = noFds.get(); }, true, kBadBuffer, buf},
+        {[&](auto& i) { i.dstBuffer = minusOne.get(); }, true, kBadBuffer, buf},
+        {[](auto& i) { i.srcWidth = i.hwEngine = 0; }, false, kBadArgument,
+         sizeLine("Source", 0, 1080)},
+        {[](auto& i) { i.srcHeight = 0; }, true, kBadArgument, sizeLine("Source", 1920, 0)},
+        {[](auto& i) { i.hwEngine = 0; }, true, kBadArgument, "Source u8pEngine(0) is invalid!"},
+        {[](auto& i) { i.dstWidth = 0; }, false, kBadArgument, sizeLine("Output", 0, 720)},
+        {[](auto& i) { i.dstHeight = 0; }, true, kBadArgument, sizeLine("Output", 1280, 0)},
+        {[](auto& i) { i.capPoint = Point::NONE; }, true, R::INVALID_CAPTURE_POINT,
+         point + "capture point(13) is invalid!"},
+        {[](auto& i) { i.capPoint = Point(5); }, true, R::CAPTURE_POINT_NOT_SUPPORT,
+         point + "platform unsupport this capture point(5)!"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        log.clear();
+        id = kId;
+        CaptureInfo info = makeInfo(buffer.get());
+        for (auto n = &c + 1; c.later && n != std::end(cases); ++n) n->change(info);
+        c.change(info);
+        EXPECT_EQ(c.code, setInfo(info));
+        EXPECT_EQ(1u, log.countExact(c.line)) << log.dump();
+        EXPECT_EQ(ANDROID_LOG_WARN, log.find(c.line).priority);
+        EXPECT_EQ(555, mPqStreamInfo[kSlot].pqId);
+    }
     EXPECT_EQ(0u, fake_subhal::count(Entry::SetCaptureInfo));
-    EXPECT_EQ(1u, log.countExact(c.logLine)) << log.dump();
-    EXPECT_EQ(ANDROID_LOG_WARN, log.find(c.logLine).priority);
-    EXPECT_EQ(555, mPqStreamInfo[0].pqId);
-    EXPECT_EQ(666, mPqStreamInfo[0].reserved);
-    EXPECT_EQ(777u, mPqStreamInfo[0].capturePoint);
 }
 
-const RefusalCase kRefusals[] = {
-    {"IdPastLastSlot", 0x73000020, [](CaptureInfo&, const native_handle_t**) {},
-     CaptureReturn::INVALID_CAPTURE_ID, "setCaptureInfo , INVALID_CAPTURE_ID ERROR 0x73000020"},
-    {"IdBelowBase", 0x72FFFFFF, [](CaptureInfo&, const native_handle_t**) {},
-     CaptureReturn::INVALID_CAPTURE_ID, "setCaptureInfo , INVALID_CAPTURE_ID ERROR 0x72ffffff"},
-    {"IdMinusOne", -1, [](CaptureInfo&, const native_handle_t**) {},
-     CaptureReturn::INVALID_CAPTURE_ID, "setCaptureInfo , INVALID_CAPTURE_ID ERROR 0xffffffff"},
-    {"IdBeforeBuffer", 0x73000020,
-     [](CaptureInfo& i, const native_handle_t** b) { i.dstBuffer = b[0]; },
-     CaptureReturn::INVALID_CAPTURE_ID, "setCaptureInfo , INVALID_CAPTURE_ID ERROR 0x73000020"},
-    {"NullBuffer", kId, [](CaptureInfo& i, const native_handle_t** b) { i.dstBuffer = b[0]; },
-     CaptureReturn::INVALID_BUFFER, "[0x73000000] setCaptureInfo fail, buffer is invalid!"},
-    {"BufferWithoutFds", kId, [](CaptureInfo& i, const native_handle_t** b) { i.dstBuffer = b[1]; },
-     CaptureReturn::INVALID_BUFFER, "[0x73000000] setCaptureInfo fail, buffer is invalid!"},
-    {"BufferFdMinusOne", kId, [](CaptureInfo& i, const native_handle_t** b) { i.dstBuffer = b[2]; },
-     CaptureReturn::INVALID_BUFFER, "[0x73000000] setCaptureInfo fail, buffer is invalid!"},
-    {"BufferBeforeSizes", kId,
-     [](CaptureInfo& i, const native_handle_t** b) {
-         i.dstBuffer = b[0];
-         i.srcWidth = 0;
-     },
-     CaptureReturn::INVALID_BUFFER, "[0x73000000] setCaptureInfo fail, buffer is invalid!"},
-    {"SrcWidthZero", kId, [](CaptureInfo& i, const native_handle_t**) { i.srcWidth = 0; },
-     CaptureReturn::INVALID_ARGUMENT, "Source width(0) or height(1080) is invalid!"},
-    {"SrcHeightZero", kId, [](CaptureInfo& i, const native_handle_t**) { i.srcHeight = 0; },
-     CaptureReturn::INVALID_ARGUMENT, "Source width(1920) or height(0) is invalid!"},
-    {"SrcWidthBeforeEngine", kId,
-     [](CaptureInfo& i, const native_handle_t**) {
-         i.srcWidth = 0;
-         i.hwEngine = 0;
-     },
-     CaptureReturn::INVALID_ARGUMENT, "Source width(0) or height(1080) is invalid!"},
-    {"EngineZero", kId, [](CaptureInfo& i, const native_handle_t**) { i.hwEngine = 0; },
-     CaptureReturn::INVALID_ARGUMENT, "Source u8pEngine(0) is invalid!"},
-    {"EngineBeforeDst", kId,
-     [](CaptureInfo& i, const native_handle_t**) {
-         i.hwEngine = 0;
-         i.dstWidth = 0;
-     },
-     CaptureReturn::INVALID_ARGUMENT, "Source u8pEngine(0) is invalid!"},
-    {"DstWidthZero", kId, [](CaptureInfo& i, const native_handle_t**) { i.dstWidth = 0; },
-     CaptureReturn::INVALID_ARGUMENT, "Output width(0) or height(720) is invalid!"},
-    {"DstHeightZeroBeforePoint", kId,
-     [](CaptureInfo& i, const native_handle_t**) {
-         i.dstHeight = 0;
-         i.capPoint = CapturePoint::NONE;
-     },
-     CaptureReturn::INVALID_ARGUMENT, "Output width(1280) or height(0) is invalid!"},
-    {"PointThirteen", kId,
-     [](CaptureInfo& i, const native_handle_t**) { i.capPoint = CapturePoint::NONE; },
-     CaptureReturn::INVALID_CAPTURE_POINT,
-     "[0x73000000] setCaptureInfo fail, capture point(13) is invalid!"},
-    {"PointHuge", kId,
-     [](CaptureInfo& i, const native_handle_t**) { i.capPoint = CapturePoint(0xFFFFFFFF); },
-     CaptureReturn::INVALID_CAPTURE_POINT,
-     "[0x73000000] setCaptureInfo fail, capture point(4294967295) is invalid!"},
-    {"PointUnsupported", kId,
-     [](CaptureInfo& i, const native_handle_t**) { i.capPoint = CapturePoint(5); },
-     CaptureReturn::CAPTURE_POINT_NOT_SUPPORT,
-     "[0x73000000] setCaptureInfo fail, platform unsupport this capture point(5)!"},
+// Two rounds swap the descriptor counts (a second one travels, else -1) and vary the angle, the
+// source's plane offsets (two words whatever their count) and its 64-bit colorimetry value.
+TEST_F(ConfigTest, FrameRecordsFollowRequest) {
+    fake_subhal::setPlaneOffsets(0x1000, 0x2000);
+    for (bool first : {true, false}) {
+        SCOPED_TRACE(first ? "first round" : "second round");
+        TestHandle src(first ? 2 : 1);
+        TestHandle dst(first ? 1 : 2);
+        Src srcInfo = makeSrc(src.get());
+        srcInfo.vPlaneOffset = first ? Offsets{0x100} : Offsets{0x100, 0x200, 0x300};
+        srcInfo.colorimetry = first ? 0x100000002ull : 3;  // truncated, 2 would be valid
+        Dst dstInfo = makeDst(dst.get());
+        dstInfo.rotateAngle = first ? 270 : 0;
+        dstInfo.vPlaneOffset = Offsets();  // not needed on the destination side
+        EXPECT_EQ(std::make_pair(R::SUCCESS, Offsets{0x1000, 0x2000}), setFrame(srcInfo, dstInfo));
+        const fake_subhal::Call call = fake_subhal::callsOf(Entry::SetCaptureFrameInfo).back();
+        EXPECT_EQ(kId, call.captureId);
+        const uint32_t colorimetry = first ? 0 : 3;
+        expectBytes(expectedSrc(src.fd(0), first ? src.fd(1) : -1, colorimetry, first ? 0 : 0x200),
+                    call.rec1);
+        expectBytes(expectedDst(dst.fd(0), first ? -1 : dst.fd(1), dstInfo.rotateAngle), call.rec2);
+    }
+    // Nothing is kept in the service's tables; the stream binding is dropped, the point stays.
+    EXPECT_EQ(0u, mSrcFrameInfo[kSlot].width);
+    EXPECT_EQ(-1, mPqStreamInfo[kSlot].pqId);
+    EXPECT_EQ(777u, mPqStreamInfo[kSlot].capturePoint);
+}
+
+// Each refusal, for a sub-HAL instance and a GPU one alike: its code (two zero offsets for the
+// identifier and format refusals, none after), its warning, nothing written and no sub-HAL call.
+TEST_F(ConfigTest, FrameRefusalsInCheckOrder) {
+    const std::string src = "[0x7300001f] setCaptureFrameInfo fail, srcBufInfo.buffer is invalid!";
+    const std::string dst = "[0x7300001f] setCaptureFrameInfo fail, dstBufInfo.buffer is invalid!";
+    const std::string format = "setCaptureFrameInfo , FORMAT_NOT_SUPPORT ERROR !! src_fmt: ";
+    const std::string angle = "[0x7300001f] RotateAngle is invalid! rotateAngle: ";
+    const Refusal<Src, Dst> cases[] = {
+        {[&](Src&, Dst&) { id = 0x73000020; }, true, kBadId,
+         "setCaptureFrameInfo , INVALID_CAPTURE_ID ERROR 0x73000020"},
+        {[](Src& s, Dst&) { s.format = Fmt::ARGB16161616; }, true, kBadFormat,
+         format + "0x100000, dst_fmt: 0x200000"},
+        // The GPU could convert YV12, but the check knows only the sub-HAL's formats.
+        {[](Src&, Dst& d) { d.format = Fmt::YV12; }, true, kBadFormat,
+         format + "0x800, dst_fmt: 0x200000"},
+        {[](Src& s, Dst&) { s.buffer = nullptr; }, true, kBadBuffer, src},
+        {[&](Src& s, Dst&) { s.buffer = minusOne.get(); }, true, kBadBuffer, src},
+        {[&](Src&, Dst& d) { d.buffer = noFds.get(); }, true, kBadBuffer, dst},
+        {[](Src& s, Dst&) { s.vPlaneOffset = Offsets(); }, true, R::INVALID_PLANE_OFFSET,
+         "[0x7300001f] vPlaneOffset.size() is invalid! src: 0, dst: 2"},
+        {[](Src& s, Dst&) { s.width = 0; }, false, kBadArgument, sizeLine("SrcFrameInfo", 0, 1080)},
+        {[](Src& s, Dst&) { s.height = 0; }, true, kBadArgument, sizeLine("SrcFrameInfo", 1920, 0)},
+        {[](Src&, Dst& d) { d.height = 0; }, true, kBadArgument, sizeLine("DstFrameInfo", 1280, 0)},
+        {[](Src&, Dst& d) { d.rotateAngle = 45; }, false, kBadArgument, angle + "45"},
+    };
+    for (uint8_t gpu : {0, 1}) {
+        mUseGpu[kSlot] = gpu;
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.line + (gpu ? " (GPU)" : ""));
+            log.clear();
+            id = kId;
+            Src src = makeSrc(buffer.get());
+            Dst dst = makeDst(buffer.get());
+            for (auto n = &c + 1; c.later && n != std::end(cases); ++n) n->change(src, dst);
+            c.change(src, dst);
+            const auto [code, offsets] = setFrame(src, dst);
+            EXPECT_EQ(c.code, code);
+            const bool early = c.code == kBadId || c.code == kBadFormat;
+            EXPECT_EQ((early ? Offsets{0, 0} : Offsets()), offsets);
+            EXPECT_EQ(1u, log.countExact(c.line)) << log.dump();
+        }
+    }
+    EXPECT_EQ(0u, fake_subhal::count(Entry::SetCaptureFrameInfo));
+    EXPECT_EQ(555, mPqStreamInfo[kSlot].pqId);
+    EXPECT_EQ(0u, mSrcFrameInfo[kSlot].width);
+}
+
+// A GPU instance refuses formats that only the sub-HAL knows, after the checks; otherwise it keeps
+// its own copies (cloned handles, deep-copied offsets) and calls no sub-HAL.
+TEST_F(ConfigTest, GpuInstanceKeepsCopiesOfBothRecords) {
+    mUseGpu[kSlot] = 1;
+    TestHandle twoFds(2);
+    Src src = makeSrc(twoFds.get());
+    Dst dst = makeDst(buffer.get());
+    dst.format = Fmt::ARGB2101010;
+    EXPECT_EQ(kBadFormat, setFrame(src, dst).first);
+    EXPECT_EQ(1u, log.countExact("GPU Not Support!!!")) << log.dump();
+    dst.format = Fmt::NV21;
+    EXPECT_EQ(std::make_pair(R::SUCCESS, Offsets{0, 0}), setFrame(src, dst));
+    EXPECT_EQ(0u, fake_subhal::count(Entry::SetCaptureFrameInfo));
+    src.vPlaneOffset[0] = 0xBAD;  // the kept rows must not follow the client's records
+    dst.vPlaneOffset[1] = 0xBAD;
+    std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
+    EXPECT_EQ(0xDEAD0068u, mSrcFrameInfo[kSlot].param68);
+    EXPECT_EQ((Offsets{0x100, 0x200}), Offsets(mSrcFrameInfo[kSlot].vPlaneOffset));
+    EXPECT_EQ((Offsets{7, 8}), Offsets(mDstFrameInfo[kSlot].vPlaneOffset));
+    const native_handle_t* copy = mSrcFrameInfo[kSlot].buffer.getNativeHandle();
+    ASSERT_TRUE(copy != nullptr && copy->numFds == 2);
+    EXPECT_NE(twoFds.fd(1), copy->data[1]);
+    EXPECT_NE(-1, fcntl(copy->data[1], F_GETFD));
+}
+
+class CapabilityTest : public ServiceTest {
+protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        ASSERT_NO_FATAL_FAILURE(loadLibrary());
+        resetScenario();
+    }
+
+    // 1080p NV12 to NV21 from memory on a DIP that can do it all: cases switch off what they test.
+    void resetScenario() {
+        q = {1920, 1080, Fmt::NV12, 1920, 1080, Fmt::NV21, 0, 0, 0, 1920, 1080, 1};
+        dts = SystemDtsConfig{0x03, 4096, 1, 1, 1, ~0u, ~0u, 4096};
+        limits = {0, 0, 0, 0, 0, 0, 0, 0, 0, 16, 4096, 0, 16, 4096, 0};
+        fake_subhal::reset();
+        fake_subhal::setCapabilityAnswer(limits);
+        mUseGpu[kSlot] = kUntouched;
+        log.clear();
+    }
+
+    void query(int32_t id = kId) {
+        int replies = 0;
+        service->getCaptureCapabilityInfo(id, q, [&](R result, const getQueryInfo& answer) {
+            ++replies;
+            code = result;
+            std::memcpy(&info, &answer, sizeof(info));
+        });
+        EXPECT_EQ(1, replies);
+    }
+
+    // " C" for a capability call, " D0" and " D1" for DipInfo's two modes.
+    std::string steps() {
+        std::string out;
+        for (const auto& call : fake_subhal::calls()) {
+            EXPECT_EQ(kId, call.captureId);
+            EXPECT_EQ(q.captureType == 1 ? 1 : 0, call.rec1.at(28)) << "memory-to-memory flag";
+            if (call.entry == Entry::GetCapabilityInfo) out += " C";
+            if (call.entry == Entry::GetDipInfo) out += " D" + std::to_string(call.arg);
+        }
+        return out;
+    }
+
+    setQueryInfo q;
+    SystemDtsConfig& dts = Capture::mSystemDtsConfig;
+    VX_CAPTURE_getQueryInfo_s limits;
+    R code = R::FAIL;
+    getQueryInfo info;
 };
 
-INSTANTIATE_TEST_SUITE_P(All, SetCaptureInfoRefusalTest, ::testing::ValuesIn(kRefusals),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(SetCaptureInfoTest, LastSlotAndTwoDescriptorBufferAccepted) {
-    TestHandle twoFds(2);
-    CaptureInfo info = makeInfo(twoFds.get());
-    ASSERT_EQ(CaptureReturn::SUCCESS, set(0x7300001F, info));
-    auto calls = fake_subhal::callsOf(Entry::SetCaptureInfo);
-    ASSERT_EQ(1u, calls.size());
-    EXPECT_EQ(0x7300001F, calls[0].captureId);
-    // The capture-info record has room for one descriptor only; the second stays -1.
-    expectSameBytes(expectedRecord(twoFds.fd(0)), calls[0].rec1);
-    EXPECT_EQ(77, mPqStreamInfo[31].pqId);
+// Refused before any sub-HAL call, with a zeroed record and the slot's flag left alone. The
+// identifier is checked first; the angle's line prints it where the angle would be.
+TEST_F(CapabilityTest, IdentifierAndAngleRefusals) {
+    q.rotationAngle = 45;
+    for (const auto& [id, line] : {std::pair(0x73000020, "INVALID_CAPTURE_ID ERROR 0x73000020"),
+                                   std::pair(kId, "rotateAngle(1929379871) not support!!")}) {
+        log.clear();
+        query(id);
+        EXPECT_EQ(id == kId ? kBadArgument : kBadId, code);
+        EXPECT_EQ(Bytes(sizeof(info), 0), bytesOf(info));
+        EXPECT_EQ(1u, log.countExact(std::string("getCaptureCapabilityInfo fail, ") + line));
+    }
+    EXPECT_EQ("", steps());
+    EXPECT_EQ(kUntouched, mUseGpu[kSlot]);
 }
 
-// Only capture points 2..8 belong to a picture-quality stream; the reserved word is not touched.
-TEST_F(SetCaptureInfoTest, BindingKeepsPqIdOnlyForStreamPoints) {
-    for (uint32_t point = 0; point < 13; ++point) {
-        SCOPED_TRACE(::testing::Message() << "capture point " << point);
-        CaptureInfo info = makeInfo(buffer.get());
-        info.capPoint = CapturePoint(point);
-        ASSERT_EQ(CaptureReturn::SUCCESS, set(kId, info));
-        EXPECT_EQ(point >= 2 && point <= 8 ? 77 : -1, mPqStreamInfo[0].pqId);
-        EXPECT_EQ(point, mPqStreamInfo[0].capturePoint);
-        EXPECT_EQ(666, mPqStreamInfo[0].reserved);
-        // The record carries the client's pqId whatever the point.
-        std::vector<uint8_t> rec = lastRecord();
-        int32_t sentPqId = 0;
-        std::memcpy(&sentPqId, rec.data() + 8, 4);
-        EXPECT_EQ(77, sentPqId);
+// The path table. Types: stream (0), memory to memory (1), another (2). DIP: able ('y'), refused
+// by its write list ('n') or by the property ('f'). DipInfo byte 0 in mode 0 (-1: left as passed
+// in). GPU formats known: both (2), source only (1), neither (0).
+TEST_F(CapabilityTest, DecisionTable) {
+    const struct {
+        uint8_t type;
+        char dip;
+        int dipByte0, gpu;
+        R code;
+        uint8_t useGpu, engine, row;
+        const char* steps;
+    } decisions[] = {
+        {0, 'y', -1, 2, R::SUCCESS, 0, 2, 0, " C D1 C"},
+        {0, 'n', -1, 2, R::DIP_NOT_SUPPORT, 0, 0, kUntouched, ""},
+        {0, 'f', -1, 2, R::DIP_NOT_SUPPORT, 0, 0, kUntouched, ""},
+        {1, 'y', -1, 2, R::SUCCESS, 0, 2, 0, " C D0 D1 C"},
+        {1, 'y', 0, 2, R::SUCCESS, 1, 0, 1, " C D0"},
+        {1, 'y', 0, 1, kBadFormat, 0, 0, 0, " C D0"},
+        {1, 'n', -1, 2, R::SUCCESS, 1, 0, 1, ""},
+        {1, 'n', -1, 1, kBadFormat, 0, 0, 0, ""},
+        {1, 'n', -1, 0, kBadFormat, 0, 0, 0, ""},
+        {1, 'f', -1, 2, R::SUCCESS, 1, 0, 1, ""},
+        {2, 'y', 0, 2, R::SUCCESS, 0, 2, 0, " C D1 C"},
+        {2, 'n', -1, 2, R::SUCCESS, 1, 0, 1, ""},
+    };
+    for (int i = 0; i < kGpuWidthAlignEntries; ++i) mGpuDstWidthAlign[i] = 100 + i;  // NV21: 10
+    for (const auto& c : decisions) {
+        SCOPED_TRACE(::testing::Message() << "row " << &c - decisions);
+        resetScenario();
+        q.captureType = c.type;
+        if (c.dip == 'n') dts.format_support_list_w = 0;
+        ASSERT_TRUE(
+            android::base::SetProperty("vendor.zor.capture.forcegpu", c.dip == 'f' ? "1" : "0"));
+        if (c.dipByte0 >= 0) fake_subhal::setDipInfo(0, {uint8_t(c.dipByte0), {}, 0});
+        if (c.gpu < 2) q.dst_format = Fmt::ARGB2101010;
+        if (c.gpu < 1) q.src_format = Fmt::RGBA8888;
+        query();
+        EXPECT_EQ(c.code, code);
+        EXPECT_EQ(c.useGpu, info.useGpu);
+        EXPECT_EQ(c.engine, info.engine);
+        EXPECT_EQ(c.row, mUseGpu[kSlot]);
+        EXPECT_EQ(c.steps, steps());
+        EXPECT_EQ(c.useGpu ? 110u : 0u, info.dstWidthAlign);
+        const bool refused = c.code == kBadFormat;
+        EXPECT_EQ(refused, log.contains("dst_format(0x40) is not support by gpu!"));
+        EXPECT_EQ(refused && c.gpu == 0, log.contains("src_format(0x10) is not support by gpu!"));
     }
 }
 
-// The binding is recorded before the sub-HAL is asked, so it survives the sub-HAL's refusal.
-TEST_F(SetCaptureInfoTest, SubHalFailureMappedAndBindingKept) {
-    fake_subhal::setResult(Entry::SetCaptureInfo, 16);
-    EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, set(kId, makeInfo(buffer.get())));
-    EXPECT_EQ(1u, log.countExact("mSetCaptureInfo fail! ret=16."));
-    EXPECT_EQ(1u, log.countExact("Call VX_CAPTURE_SetCaptureInfo(), Ret: 16"));
-    EXPECT_EQ(77, mPqStreamInfo[0].pqId);
-    EXPECT_EQ(3u, mPqStreamInfo[0].capturePoint);
-
-    mSetCaptureInfo.store(nullptr);
-    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 0u, __ATOMIC_RELAXED);
-    EXPECT_EQ(CaptureReturn::INVALID_ARGUMENT, set(kId, makeInfo(buffer.get())));
-    EXPECT_EQ(1u, log.countExact("mSetCaptureInfo is nullptr!"));
-    EXPECT_EQ(1u, fake_subhal::count(Entry::SetCaptureInfo));
+// The query record in every call, a zeroed limits record, the DipInfo filled with 0x01, and the
+// answer copied into the result as the interface lays it out.
+TEST_F(CapabilityTest, RecordsToAndFromTheSubHal) {
+    limits = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 16, 0xA7, 0x1234, 64, 4096, 8192, 32, 3840, 7680};
+    fake_subhal::setCapabilityAnswer(limits);
+    fake_subhal::setDipInfo(1, {1, {}, 0x1122334455667788ull});
+    q = {1280, 720, Fmt::NV12, 640, 360, Fmt::ABGR8888, 90, 4, 6, 1200, 700, 1};
+    query();
+    ASSERT_EQ(R::SUCCESS, code);
+    const uint32_t sent[8] = {1280, 720, 11, 640, 360, 3, 90, 1};
+    for (const auto& call : fake_subhal::calls()) EXPECT_EQ(bytesOf(sent), call.rec1);
+    EXPECT_EQ(Bytes(60, 0), fake_subhal::callsOf(Entry::GetCapabilityInfo).at(0).rec2);
+    EXPECT_EQ(Bytes(60, 0), fake_subhal::callsOf(Entry::GetCapabilityInfo).at(1).rec2);
+    EXPECT_EQ(Bytes(16, 0x01), fake_subhal::callsOf(Entry::GetDipInfo).at(0).rec2);
+    // Answer words 0..4, useGpu and engine, GPU formats, words 7 and 8, bwSize, maxima, alignment.
+    EXPECT_EQ(bytesOf({0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0x0200, 0, 0, 0xA7, 0x34, 0x55667788,
+                       0x11223344, 4096, 3840, 16, 0}),
+              bytesOf(info));
 }
 
-// Through initLib and a device tree: capture point 12 is allowed only when dip0 says so, and the
-// other twelve need no entry at all.
-class SetCaptureInfoDeviceTreeTest : public ServiceTest {
+// Even with logging off, the width check reports a missing capability entry, and says no.
+TEST_F(CapabilityTest, MissingCapabilityEntry) {
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 0u, __ATOMIC_RELAXED);
+    mGetCaptureCapabilityInfo.store(nullptr);
+    query();
+    EXPECT_EQ(1, info.useGpu);
+    const LogLine line = log.find("mGetCaptureCapabilityInfo is nullptr!");
+    EXPECT_EQ(0u, line.message.rfind("[checkDipSupportWithVxInfo]", 0)) << log.dump();
+    EXPECT_EQ(ANDROID_LOG_WARN, line.priority);
+}
+
+// How a memory-to-memory or stream request is judged: the DIP takes it after asking the sub-HAL's
+// limits or without asking (a tile copy), or the device-tree tests or the width limits refuse it.
+enum Verdict { kDip, kTile, kTree, kLimits };
+
+class DipCheckTest : public CapabilityTest {
 protected:
-    DeviceTree tree;  // before loadLibrary: initLib reads it
+    // `line` is the refusal, or for a pass one that must not appear.
+    void expectVerdict(const std::string& line, Verdict dram, Verdict stream) {
+        for (uint8_t type : {1, 0}) {
+            const Verdict v = type == 1 ? dram : stream;
+            SCOPED_TRACE(line + (type == 1 ? " (memory to memory)" : " (stream)"));
+            fake_subhal::reset();
+            fake_subhal::setCapabilityAnswer(limits);
+            log.clear();
+            q.captureType = type;
+            query();
+            const bool dip = v == kDip || v == kTile;
+            EXPECT_EQ(dip ? 2 : 0, info.engine);
+            EXPECT_EQ(!dip && type == 0, code == R::DIP_NOT_SUPPORT);
+            const size_t asked = v == kDip ? 2 : v == kTree ? 0 : 1;
+            EXPECT_EQ(asked, fake_subhal::count(Entry::GetCapabilityInfo));
+            EXPECT_EQ(dip ? 0u : 1u, log.countExact(line)) << log.dump();
+        }
+        resetScenario();
+    }
 };
 
-TEST_F(SetCaptureInfoDeviceTreeTest, OsdPointFollowsCapOsd) {
-    ASSERT_NO_FATAL_FAILURE(loadLibrary());
-    TestHandle buffer;
-    CaptureInfo info = makeInfo(buffer.get());
-    info.capPoint = CapturePoint::OSD;
-    EXPECT_EQ(CaptureReturn::CAPTURE_POINT_NOT_SUPPORT,
-              static_cast<CaptureReturn>(service->setCaptureInfo(kId, info)));
-    info.capPoint = CapturePoint::DISPLAY;
-    EXPECT_EQ(CaptureReturn::SUCCESS,
-              static_cast<CaptureReturn>(service->setCaptureInfo(kId, info)));
+// Streams skip the read list, the rotation and the source tile tests; scaling is judged against the
+// crop. A UHD tile copy into NV21 from memory goes to the DIP unasked (the limits would refuse it).
+TEST_F(DipCheckTest, DeviceTreeTests) {
+    dts.format_support_list_r = ~0x800u;
+    expectVerdict("src_format(0x800) is not support by dip!", kTree, kDip);
+    q.rotationAngle = 180;
+    dts.dip_HMirrorSz = 0;
+    expectVerdict("dip not support rotate 180!", kTree, kDip);
+    q.src_width = 3840;
+    dts.dip_dscl = dts.dip_uscl = 0;
+    expectVerdict("dip not support do downscale !", kDip, kDip);
+    q = {3840, 2160, Fmt::RZ21S, 3840, 2160, Fmt::NV21, 0, 0, 0, 0, 0, 1};
+    dts.TileWidthMax = 3839;
+    limits.dst_max_width = 1920;
+    expectVerdict("dst_width(3840) exceed dst_max_width(1920) and dst_max_width_rwsep(0) !!", kTile,
+                  kLimits);
+    q = {3840, 2160, Fmt::RZ21S, 3840, 2160, Fmt::NV12, 0, 0, 0, 0, 0, 1};
+    dts.TileWidthMax = 3839;
+    expectVerdict(
+        "src width exceed ! src_format(0x4000) mQueryInfo.src_width(3840) "
+        "TileWidthMax(3839)",
+        kTree, kDip);
+}
 
-    tree.setCell("dip0/capability/CapOSD", 1);
-    ASSERT_EQ(CaptureReturn::SUCCESS, static_cast<CaptureReturn>(service->initLib()));
-    info.capPoint = CapturePoint::OSD;
-    EXPECT_EQ(CaptureReturn::SUCCESS,
-              static_cast<CaptureReturn>(service->setCaptureInfo(kId, info)));
-    EXPECT_EQ(2u, fake_subhal::count(Entry::SetCaptureInfo));
+// Source limits apply to memory-to-memory requests only.
+TEST_F(DipCheckTest, SubHalWidthLimits) {
+    q.src_width = q.crop_width = q.dst_width = 3840;
+    limits.src_max_width = 1920;
+    limits.src_max_width_rwsep = 4096;
+    expectVerdict("src_width(3840) exceed src_max_width(1920) and src_max_width_rwsep(4096) !!",
+                  kDip, kDip);
+    q.src_width = q.crop_width = q.dst_width = 3840;
+    limits.src_max_width = 1920;
+    expectVerdict("src_width(3840) exceed src_max_width(1920) and src_max_width_rwsep(0) !!",
+                  kLimits, kDip);
+    limits.src_max_width = 0;
+    expectVerdict("src_max_width(0) is invalid !!", kLimits, kDip);
+    q.src_width = q.crop_width = q.dst_width = 1000;
+    limits.src_width_align = 16;
+    expectVerdict("src_width(1000) not align(16) !!", kLimits, kDip);
+    q.src_width = q.crop_width = q.dst_width = 1000;
+    expectVerdict("src_width(1000) not align(0) !!", kDip, kDip);
+    limits.dst_min_width = 1920;
+    expectVerdict("dst_width(1920) smaller than dst_min_width(1920) !!", kDip, kDip);
+    limits.dst_min_width = 1921;
+    expectVerdict("dst_width(1920) smaller than dst_min_width(1921) !!", kLimits, kLimits);
 }
 
 }  // namespace
