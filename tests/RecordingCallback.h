@@ -1,66 +1,88 @@
-// A client callback for tests: records every frame event with the thread that delivered it.
+// A callback recording each event with its delivering thread, and a one-instance service fixture.
 #pragma once
 
-#include <hidl/Status.h>
-#include <utils/Errors.h>
-#include <vendor/quenlark/hardware/capture/1.0/ICaptureCallback.h>
-
+#include <array>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <cstring>
 #include <thread>
-#include <vector>
+
+#include "FakePq.h"
+#include "TestUtil.h"
 
 namespace capture_test {
 
-namespace capture_v1 = ::vendor::quenlark::hardware::capture::V1_0;
-
-class RecordingCallback : public capture_v1::ICaptureCallback {
+class RecordingCallback : public ICaptureCallback {
 public:
-    using CaptureEventNotify = capture_v1::CaptureEventNotify;
-    using CaptureCallbackParams = capture_v1::CaptureCallbackParams;
-
     struct Event {
         CaptureEventNotify notify;
-        CaptureCallbackParams params;
+        std::array<uint32_t, 9> params;  // the nine words of CaptureCallbackParams
         std::thread::id thread;
     };
-
-    ::android::hardware::Return<void> onNotify(CaptureEventNotify notify,
-                                               const CaptureCallbackParams& params) override {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mEvents.push_back({notify, params, std::this_thread::get_id()});
-        }
-        mCv.notify_all();
-        if (mFailTransport.load()) {
-            return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
-        }
-        return ::android::hardware::Void();
+    Return<void> onNotify(CaptureEventNotify notify, const CaptureCallbackParams& params) override {
+        static_assert(sizeof(params) == 36, "nine 32-bit fields");
+        std::lock_guard<std::mutex> lock(mMutex);
+        mEvents.push_back({notify, {}, std::this_thread::get_id()});
+        std::memcpy(mEvents.back().params.data(), &params, sizeof(params));
+        if (failTransport) return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
+        return Void();
     }
-
-    // The next replies carry a transport error, as from a client that died.
-    void setTransportFailure(bool fail) { mFailTransport = fail; }
-
     std::vector<Event> events() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mEvents;
     }
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mEvents.size();
-    }
-    bool waitFor(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCv.wait_for(lock, timeout, [&] { return mEvents.size() >= n; });
-    }
+    std::atomic<bool> failTransport{false};  // reply as a client that died
 
 private:
     mutable std::mutex mMutex;
-    std::condition_variable mCv;
     std::vector<Event> mEvents;
-    std::atomic<bool> mFailTransport{false};
+};
+
+// A finished frame whose buffer k has its planes at 0x10000 * (k + 1) and 0x1000 further on.
+inline VX_CAPTURE_CaptureDoneInfo_s doneInfo(uint32_t index, uint32_t errorNo = 0) {
+    VX_CAPTURE_CaptureDoneInfo_s info{index, 0x1000, 0x800, {}, errorNo};
+    for (uint32_t k = 0; k < 8; ++k) info.stBuf[k] = {0x10000 * k + 0x10000, 0x10000 * k + 0x11000};
+    return info;
+}
+
+class SlotTest : public ServiceTest {
+protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        ASSERT_NO_FATAL_FAILURE(loadLibrary());
+        id = openInstance();
+        slot = slotOf(id);
+        pq = FakePq::install();
+        fake_subhal::reset();
+        log.clear();
+    }
+    void bindPq(int32_t pqId, CapturePoint point = CapturePoint::PQ_STREAM_PROCESSED) {
+        mPqStreamInfo[slot].pqId = pqId;
+        mPqStreamInfo[slot].capturePoint = static_cast<uint32_t>(point);
+    }
+    sp<ICaptureCallback> installed() {
+        std::lock_guard<std::mutex> lock(mCallbackMutex);
+        return Capture::hasCallback(slot) ? Capture::mCallback[slot] : nullptr;
+    }
+    static std::vector<fake_subhal::Entry> subHalEntries() {
+        std::vector<fake_subhal::Entry> out;
+        for (const auto& call : fake_subhal::calls()) out.push_back(call.entry);
+        return out;
+    }
+    // The registration record the sub-HAL must receive, byte for byte.
+    std::vector<uint8_t> registrationRecord(VX_CAPTURE_Callback entry) {
+        VX_CAPTURE_CallbackInputParams_s params;
+        std::memset(&params, 0, sizeof(params));
+        params.pfnCallback = entry;
+        params.u32Flag = 1;
+        params.pu32SequenceId = &Capture::mCallbackSequeceId[slot];
+        const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&params);
+        return std::vector<uint8_t>(bytes, bytes + sizeof(params));
+    }
+
+    int32_t id = -1;
+    int slot = 0;
+    sp<FakePq> pq;
+    sp<RecordingCallback> cb = new RecordingCallback();
 };
 
 }  // namespace capture_test

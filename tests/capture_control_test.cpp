@@ -1,0 +1,271 @@
+// Capture control and client events: single-shot and continuous capture, delivery through the two
+// completion entries, setCallback, and the identifier check of every client operation.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "BandwidthInfo.h"
+#include "RecordingCallback.h"
+
+namespace capture_test {
+namespace {
+
+using E = fake_subhal::Entry;
+using Strings = std::vector<std::string>;
+using ContinuousCaptureTest = SlotTest;
+
+class CaptureOnceTest : public SlotTest {
+protected:
+    // What setCaptureFrameInfo keeps: the records, with clones of the handles.
+    void keepFrameRows(CaptureFormat srcFormat = CaptureFormat::NV12) {
+        TestHandle src(2), dst;
+        const hidl_handle srcHandle(src.get()), dstHandle(dst.get());
+        std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
+        mSrcFrameInfo[slot].width = 64;
+        mSrcFrameInfo[slot].format = srcFormat;
+        mSrcFrameInfo[slot].buffer = srcHandle;
+        mDstFrameInfo[slot].format = CaptureFormat::ARGB8888;
+        mDstFrameInfo[slot].buffer = dstHandle;
+    }
+    bool frameRowsCleared() {
+        std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
+        const CaptureSrcFrameInfo& s = mSrcFrameInfo[slot];
+        const CaptureDstFrameInfo& d = mDstFrameInfo[slot];
+        return s.width == 0 && s.format == CaptureFormat{} && s.buffer == nullptr &&
+               d.format == CaptureFormat{} && d.buffer == nullptr;
+    }
+};
+
+// Whatever the sub-HAL answers, the frame configuration and the PQ binding (refreshed first) go.
+TEST_F(CaptureOnceTest, SubHalCaptureConsumesTheConfiguration) {
+    const std::tuple<uint32_t, int32_t, CaptureReturn> cases[] = {
+        {70, -1, CaptureReturn::FAIL},
+        {0, 5, CaptureReturn::SUCCESS},
+        {16, 5, CaptureReturn::FORMAT_NOT_SUPPORT}};
+    pq->info = capturePointInfo(7777, 2, {{9, 11}, {5, 4321}});
+    for (const auto& [status, pqId, expected] : cases) {
+        SCOPED_TRACE(status);
+        const int fds = countOpenFds();
+        keepFrameRows();
+        bindPq(pqId, CapturePoint::PQ_STREAM_OUT);
+        fake_subhal::setResultOnce(E::CaptureOnce, status);
+        EXPECT_EQ(expected, service->captureOnce(id));
+        EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[5][3].u32WinTime);
+        EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
+        EXPECT_TRUE(frameRowsCleared());
+        EXPECT_EQ(fds, countOpenFds());  // the kept handle clones are closed
+    }
+}
+
+// A source the GPU cannot take leaves the flag set, so that the client may reconfigure and retry.
+TEST_F(CaptureOnceTest, GpuInstanceWithUnsupportedFormatKeepsItsFlag) {
+    keepFrameRows(CaptureFormat::RGBA8888);
+    bindPq(2);
+    mUseGpu[slot] = 1;
+    EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnce(id));
+    EXPECT_EQ(1u, mUseGpu[slot]);
+    EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
+    EXPECT_TRUE(frameRowsCleared() && mPqStreamInfo[slot].pqId == 2);
+}
+
+// Neither the GPU path, nor the PQ binding, nor the kept frame records are involved.
+TEST_F(CaptureOnceTest, WithCallbackRegistersTheSingleShotEntry) {
+    keepFrameRows();
+    bindPq(6);
+    mUseGpu[slot] = 1;
+    EXPECT_EQ(CaptureReturn::SUCCESS, service->captureOnceWithCallback(id, cb));
+    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::CaptureOnce}), subHalEntries());
+    EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureOnceDone), fake_subhal::calls()[0].rec1);
+    EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
+    EXPECT_EQ(cb, installed());
+    EXPECT_TRUE(pq->calls().empty() && !frameRowsCleared() && mPqStreamInfo[slot].pqId == 6 &&
+                mUseGpu[slot] == 1);
+}
+
+// A failed registration drops the callback and captures nothing; without one it only captures.
+TEST_F(CaptureOnceTest, FailedOrMissingRegistration) {
+    fake_subhal::setResultOnce(E::RegisterCallback, 16);
+    EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, cb));
+    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::UnRegisterCallback}), subHalEntries());
+    EXPECT_EQ(fake_subhal::calls()[0].rec1, fake_subhal::calls()[1].rec1);
+    EXPECT_EQ(nullptr, installed());
+    fake_subhal::reset();
+    fake_subhal::setResultOnce(E::CaptureOnce, 16);
+    EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, nullptr));
+    EXPECT_EQ(std::vector<E>{E::CaptureOnce}, subHalEntries());
+}
+
+TEST_F(ContinuousCaptureTest, InvalidIdentifiersAreRefusedWithoutSideEffects) {
+    const std::pair<const char*, std::function<CaptureReturn(int32_t)>> ops[] = {
+        {"captureOnce", [&](int32_t i) { return service->captureOnce(i); }},
+        {"captureOnceWithCallback",
+         [&](int32_t i) { return service->captureOnceWithCallback(i, cb); }},
+        {"startCapture", [&](int32_t i) { return service->startCapture(i, cb); }},
+        {"stopCapture", [&](int32_t i) { return service->stopCapture(i); }},
+        {"frameProcessDone", [&](int32_t i) { return service->frameProcessDone(i, 0); }},
+        {"notifyContinueCapture", [&](int32_t i) { return service->notifyContinueCapture(i); }},
+    };
+    bindPq(3);
+    for (int32_t bad : {0x73000020, 0x72FFFFFF, -1, INT32_MIN}) {
+        for (const auto& [name, op] : ops)
+            EXPECT_EQ(CaptureReturn::INVALID_CAPTURE_ID, op(bad)) << name;
+        EXPECT_TRUE(service->setCallback(bad, cb).isOk());
+        EXPECT_EQ(CaptureReturn::SUCCESS, service->startAllSourceRotation(bad, {}, cb));
+        EXPECT_EQ(CaptureReturn::SUCCESS, service->stopAllSourceRotation(bad));
+    }
+    for (const auto& [name, op] : ops) {
+        EXPECT_EQ(4u, log.count(std::string(name) + " , INVALID_CAPTURE_ID ERROR 0x")) << name;
+    }
+    EXPECT_EQ(1u, log.countExact("setCallback , INVALID_CAPTURE_ID ERROR 0xffffffff"));
+    EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
+    EXPECT_EQ(3, mPqStreamInfo[slot].pqId);
+    for (int s = 0; s < kMaxCaptureSlots; ++s)
+        EXPECT_TRUE(!Capture::hasCallback(s) && Capture::mCallbackSequeceId[s] == 0) << s;
+    for (const auto& [name, op] : ops) EXPECT_EQ(CaptureReturn::SUCCESS, op(0x7300001F)) << name;
+}
+
+// A PQ service that refuses the registration only has it logged.
+TEST_F(ContinuousCaptureTest, StartRegistersWithTheSubHalAndThePqService) {
+    pq->replies["register"] = FakePq::Reply::DeadObject;
+    bindPq(3, CapturePoint::PQ_STREAM_PROCESSED);
+    EXPECT_EQ(CaptureReturn::SUCCESS, service->startCapture(id, cb));
+    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::CaptureStart}), subHalEntries());
+    EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureDone), fake_subhal::calls()[0].rec1);
+    EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
+    EXPECT_EQ(cb, installed());
+    EXPECT_EQ((Strings{"get 3/2", "register 3/4"}), pq->calls());  // point index 2, event 4
+    EXPECT_EQ(1u, log.countExact("registerPqOnewayCallback: "
+                                 "EN_PQ_CALLBACK_EVENT_CAPTUREPOINT_INFO_CHANGE Failed: 3"));
+    EXPECT_EQ(3, mPqStreamInfo[slot].pqId);
+}
+
+// A failed start is rolled back only on a PQ stream, the PQ registration first; without one, the
+// client's stopCapture or close cleans up. Stream ids above 15 have figures but no PQ callbacks.
+TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
+    const Strings pqRollback = {"get 3/2", "register 3/4", "unregister 3/4"};
+    const std::vector<E> undone = {E::RegisterCallback, E::CaptureStart, E::UnRegisterCallback};
+    // Cases without a callback first: a callback kept by an earlier case would be rolled back.
+    const std::tuple<int32_t, E, bool, std::vector<E>, Strings> cases[] = {
+        {-1, E::CaptureStart, false, {E::CaptureStart}, {}},
+        {3, E::CaptureStart, false, {E::CaptureStart}, pqRollback},
+        {3, E::RegisterCallback, true, {E::RegisterCallback, E::UnRegisterCallback}, pqRollback},
+        {3, E::CaptureStart, true, undone, pqRollback},
+        {16, E::CaptureStart, true, undone, {"get 16/2"}},
+        {-1, E::RegisterCallback, true, {E::RegisterCallback}, {}},
+        {-1, E::CaptureStart, true, {E::RegisterCallback, E::CaptureStart}, {}},
+    };
+    for (const auto& [pqId, failing, withCallback, entries, pqCalls] : cases) {
+        SCOPED_TRACE(testing::Message() << pqId << " " << fake_subhal::entryName(failing));
+        fake_subhal::reset();
+        pq->reset();
+        bindPq(pqId);
+        fake_subhal::setResultOnce(failing, 16);
+        const sp<RecordingCallback> client = withCallback ? cb : nullptr;
+        EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->startCapture(id, client));
+        EXPECT_EQ(entries, subHalEntries());
+        EXPECT_EQ(pqCalls, pq->calls());
+        EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
+        EXPECT_EQ(pqId < 0 ? client : nullptr, installed());
+    }
+}
+
+// The stop is always attempted, and an unregistration error wins over a stop error.
+TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
+    const std::tuple<bool, int32_t, uint32_t, uint32_t, CaptureReturn> cases[] = {
+        {true, 5, 0, 0, CaptureReturn::SUCCESS},
+        {true, -1, 16, 7, CaptureReturn::FORMAT_NOT_SUPPORT},
+        {true, -1, 0, 7, CaptureReturn::INVALID_CAPTURE_ID},
+        {false, -1, 0, 16, CaptureReturn::FORMAT_NOT_SUPPORT},
+    };
+    for (const auto& [started, pqId, unregister, stop, expected] : cases) {
+        SCOPED_TRACE(testing::Message() << unregister << "/" << stop);
+        bindPq(pqId);
+        ASSERT_TRUE(!started || service->startCapture(id, cb) == CaptureReturn::SUCCESS);
+        fake_subhal::reset();
+        pq->reset();
+        fake_subhal::setResultOnce(E::UnRegisterCallback, unregister);
+        fake_subhal::setResultOnce(E::CaptureStop, stop);
+        EXPECT_EQ(expected, service->stopCapture(id));
+        const std::vector<E> both = {E::UnRegisterCallback, E::CaptureStop};
+        EXPECT_EQ(started ? both : std::vector<E>{E::CaptureStop}, subHalEntries());
+        EXPECT_EQ(pqId < 0 ? Strings{} : Strings{"unregister 5/4"}, pq->calls());
+        EXPECT_EQ(nullptr, installed());
+        EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
+    }
+}
+
+// Runs for the single-shot entry (true) and the continuous one, each registered by its operation.
+class CompletionEntryTest : public SlotTest, public testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(SlotTest::SetUp());
+        ASSERT_EQ(CaptureReturn::SUCCESS, GetParam() ? service->captureOnceWithCallback(id, cb)
+                                                     : service->startCapture(id, cb));
+    }
+};
+
+// Offsets only of the eight buffers the record holds; only the continuous entry reads the reply.
+TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
+    const std::tuple<uint32_t, uint32_t, CaptureReturn, uint32_t> frames[] = {
+        {3, 16, CaptureReturn::FORMAT_NOT_SUPPORT, 0x40000},
+        {7, 7, CaptureReturn::INVALID_CAPTURE_ID, 0x80000},
+        {0, 0, CaptureReturn::SUCCESS, 0x10000},
+        {8, 2, CaptureReturn::FAIL, 0},
+        {0xFFFFFFFF, 0, CaptureReturn::SUCCESS, 0}};
+    cb->failTransport = true;
+    for (const auto& [index, errorNo, result, yOffset] : frames) {
+        EXPECT_EQ(0, fake_subhal::fireCallback(id, doneInfo(index, errorNo)));
+        const auto events = cb->events();
+        ASSERT_FALSE(events.empty());
+        const uint32_t cOffset = yOffset == 0 ? 0 : yOffset + 0x1000;
+        const std::array<uint32_t, 9> expected = {
+            static_cast<uint32_t>(id),    index, 0, 0, yOffset, cOffset, 0x1000, 0x800,
+            static_cast<uint32_t>(result)};
+        EXPECT_EQ(expected, events.back().params);
+        EXPECT_EQ(CaptureEventNotify::FRAME_DONE, events.back().notify);
+        EXPECT_EQ(fake_subhal::workerThreadId(), events.back().thread);
+        EXPECT_NE(std::this_thread::get_id(), events.back().thread);
+    }
+    EXPECT_EQ(5u, cb->events().size());
+    EXPECT_EQ(GetParam() ? 0u : 5u,
+              log.countExact("Warning: callback onNotify result is not OK !!"));
+}
+
+// setCallback swaps the target, keeping the sub-HAL's registration, whose frames are then stale.
+TEST_P(CompletionEntryTest, UndeliverableFramesAreDropped) {
+    const uint32_t registered = Capture::mCallbackSequeceId[slot];
+    sp<RecordingCallback> other = new RecordingCallback();
+    service->setCallback(id, new RecordingCallback());
+    service->setCallback(id, other);
+    EXPECT_TRUE(service->setCallback(id, nullptr).isOk());  // keeps the installed one
+    EXPECT_EQ(other, installed());
+    EXPECT_EQ(1u, fake_subhal::count(E::RegisterCallback));
+    VX_CAPTURE_CaptureDoneInfo_s info = doneInfo(0);
+    EXPECT_EQ(0, fake_subhal::fireCallback(id, info));
+    char mismatch[200];
+    snprintf(mismatch, sizeof(mismatch),
+             "callback sequenceId not match, skip onNotify(). captureId: 0x%x, "
+             "u32CurrentCallbackSeqId(%u), u32LatestCallbackSeqId(%u)",
+             id, registered, registered + 2);
+    EXPECT_EQ(1u, log.countExact(mismatch)) << log.dump();
+    const auto entry =
+        GetParam() ? Capture::Callback_CaptureOnceDone : Capture::Callback_CaptureDone;
+    uint32_t sequence = registered + 2;
+    for (int32_t bad : {0x73000020, 0x72FFFFFF, -1}) EXPECT_EQ(7, entry(bad, 0, &info, &sequence));
+    EXPECT_EQ(3u, log.count("Done , INVALID_CAPTURE_ID ERROR 0x")) << log.dump();
+    EXPECT_EQ(7, entry(id, 0, nullptr, &sequence));
+    EXPECT_EQ(0, entry(id, 0, &info, nullptr));
+    {
+        std::lock_guard<std::mutex> lock(mCallbackMutex);
+        Capture::setCallbackLocked(slot, nullptr);
+    }
+    EXPECT_EQ(0, entry(id, 0, &info, &sequence));
+    EXPECT_EQ(1u, log.countExact("Callback is NULL.")) << log.dump();
+    EXPECT_TRUE(cb->events().empty() && other->events().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, CompletionEntryTest, testing::Bool(),
+                         [](const auto& info) { return info.param ? "Once" : "Continuous"; });
+
+}  // namespace
+}  // namespace capture_test
