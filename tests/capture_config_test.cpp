@@ -449,6 +449,24 @@ TEST_F(CapabilityTest, DecisionTable) {
     }
 }
 
+// A GPU answer carries the destination's own entry of the alignment table.
+TEST_F(CapabilityTest, GpuWidthAlignmentFollowsTheDestinationFormat) {
+    const uint32_t entryOf[][2] = {
+        {0x1, 0},   {0x2, 1},   {0x4, 2},   {0x8, 3},     {0x100000, 4}, {0x400000, 5}, {0x80, 6},
+        {0x100, 7}, {0x200, 8}, {0x800, 9}, {0x1000, 10}, {0x2000, 11},  {0x200000, 12}};
+    for (int i = 0; i < kGpuWidthAlignEntries; ++i) mGpuDstWidthAlign[i] = 100 + i;
+    for (const auto& e : entryOf) {
+        SCOPED_TRACE(::testing::Message() << "dst_format 0x" << std::hex << e[0]);
+        resetScenario();
+        ASSERT_TRUE(android::base::SetProperty("vendor.zor.capture.forcegpu", "1"));
+        q.dst_format = static_cast<Fmt>(e[0]);
+        query();
+        EXPECT_EQ(R::SUCCESS, code);
+        EXPECT_EQ(100 + e[1], info.dstWidthAlign);
+        EXPECT_EQ(1u, info.dstWidthAlignValid);
+    }
+}
+
 // The query record in every call, a zeroed limits record, the DipInfo filled with 0x01, and the
 // answer copied into the result as the interface lays it out.
 TEST_F(CapabilityTest, RecordsToAndFromTheSubHal) {
