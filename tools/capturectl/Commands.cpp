@@ -561,6 +561,11 @@ int cmdDump(const Options& o) {
 
 int cmdDemo(const Options& o) {
     std::string dir = o.get("out-dir", "capturectl-demo");
+    // Parents first, so that a fresh checkout can write straight into out/demo.
+    for (size_t slash = dir.find('/', 1); slash != std::string::npos;
+         slash = dir.find('/', slash + 1)) {
+        mkdir(dir.substr(0, slash).c_str(), 0755);
+    }
     if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
         fprintf(stderr, "capturectl: cannot create %s: %s\n", dir.c_str(), strerror(errno));
         return kExitRefused;
