@@ -15,9 +15,6 @@ namespace capture {
 namespace V1_0 {
 namespace implementation {
 
-using ::vendor::quenlark::hardware::pq::V1_0::EN_PQ_CALLBACK_EVENT_TYPE;
-using ::vendor::quenlark::hardware::pq::V1_0::EN_RETURN_VALUE;
-
 namespace {
 
 constexpr uint32_t kDoneInfoBufferCount = 8;

@@ -84,14 +84,7 @@ void Capture::loadSystemConfig() {
     mPointsSupportState[static_cast<uint32_t>(CapturePoint::OSD)] = readCapability(0, "CapOSD");
 
     SystemDtsConfig& config = mSystemDtsConfig;
-    config.dip_rotate = 0;
-    config.dip_HMirrorSz = 0;
-    config.dip_crop = 0;
-    config.dip_dscl = 0;
-    config.dip_uscl = 0;
-    config.format_support_list_w = 0;
-    config.format_support_list_r = 0;
-    config.TileWidthMax = 0;
+    config = SystemDtsConfig{};
 
     // Every pair is read dip0 first, so the "set as default" lines list a board's gaps in a
     // fixed order. With separate read and write paths (RWSep, low byte only) the engines take
