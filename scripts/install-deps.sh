@@ -7,7 +7,7 @@ packages=(
     build-essential cmake ninja-build pkg-config clang
     android-liblog-dev android-libcutils-dev android-libutils-dev android-libbase-dev
     libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
-    libgtest-dev libgmock-dev libclang-rt-14-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev
     libyuv-dev libpng-dev
 )
 

@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <link.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <string>
@@ -35,5 +36,14 @@ inline void keepMesaDriverLoaded() {
     }();
     (void)done;
 }
+
+// While alive, the host graphics layer leaves images and shaders to Mesa alone, as on a platform
+// without native-buffer images and the YUV target.
+struct HostGlLayerOff {
+    HostGlLayerOff() { setenv("CAPTURE_HOST_GL", "0", 1); }
+    ~HostGlLayerOff() { unsetenv("CAPTURE_HOST_GL"); }
+    HostGlLayerOff(const HostGlLayerOff&) = delete;
+    HostGlLayerOff& operator=(const HostGlLayerOff&) = delete;
+};
 
 }  // namespace gpu_test

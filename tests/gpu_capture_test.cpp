@@ -250,6 +250,7 @@ TEST_F(GpuCaptureTest, ConvertsOrRefusesAFormatWithoutGpuMappingAndForgetsTheRow
 }
 
 TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndDrawsOnMesa) {
+    gpu_test::HostGlLayerOff layerOff;
     DumpFolder folder;
     dump_input_index = 1;
     dump_output_index = 1;

@@ -1,11 +1,15 @@
 // The GPU path run for real on Mesa: shaders, EGL environment, entry points, draw geometry.
 #include <android-base/stringprintf.h>
+#include <ui/GraphicBuffer.h>
 #include <unistd.h>
 
 #include <array>
 #include <utility>
 
 #include "GpuTestUtil.h"
+#include "hostgl/HostGl.h"
+
+#include <GLES2/gl2ext.h>  // after the GLES headers it extends
 
 namespace {
 
@@ -69,6 +73,7 @@ TEST(ShaderTextTest, TextsAreExactForEveryType) {
 }
 
 TEST_F(GpuEnvTest, EglAndShadersRunOnMesaAndLogWhatThePlatformRefuses) {
+    gpu_test::HostGlLayerOff layerOff;
     gpu_set_debug_log_level(64);
     GpuDrawing env;
     ASSERT_EQ(1u, env.egl_init_env()) << log.dump();
@@ -204,5 +209,87 @@ TEST_F(GpuEnvTest, DrawUploadsTwoTrianglesOfTheViewportWithTheCropsTextureCoords
     EXPECT_EQ(expected, std::vector<float>(mapped, mapped + 36));
     glUnmapBuffer(GL_ARRAY_BUFFER);
 }
+
+
+namespace host_layer {
+
+using ::android::GraphicBuffer;
+using ::android::sp;
+
+EGLImageKHR createImage(ANativeWindowBuffer* buffer) {
+    const auto create =
+        reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR"));
+    return create(eglGetCurrentDisplay(), EGL_NO_CONTEXT, EGL_NATIVE_BUFFER_ANDROID,
+                  static_cast<EGLClientBuffer>(buffer), nullptr);
+}
+
+TEST_F(GpuEnvTest, HostLayerGivesWhatTheDeviceHasAndOnlyThat) {
+    ASSERT_TRUE(host_gl::layerInterposed());
+    GpuDrawing env;
+    ASSERT_EQ(1u, env.egl_init_env());
+
+    // Every type's text compiles and links once the YUV target is emulated.
+    for (int32_t type = 0; type <= 3; ++type) {
+        SCOPED_TRACE("type " + std::to_string(type));
+        log.clear();
+        GpuDrawing full;
+        full.gles_init_shaders(static_cast<gpu_format_covert_type>(type));
+        GLint linked = GL_FALSE;
+        glGetProgramiv(full.program, GL_LINK_STATUS, &linked);
+        EXPECT_EQ(GL_TRUE, linked);
+        EXPECT_EQ(0u, log.count("OpenGL error")) << log.dump();
+        EXPECT_NE(0u, full.fragment_shader);
+    }
+
+    sp<GraphicBuffer> buffer = new GraphicBuffer(64, 32, HAL_PIXEL_FORMAT_RGBA_8888, 0x02001B33);
+    ASSERT_EQ(::android::NO_ERROR, buffer->initCheck());
+    // A client's GL error raised before the layer's own GL work is still the client's to read.
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture);
+    glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_REPEAT);  // invalid here
+    EGLImageKHR image = createImage(buffer->getNativeBuffer());
+    ASSERT_NE(EGL_NO_IMAGE_KHR, image);
+    const auto target = reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(
+        eglGetProcAddress("glEGLImageTargetTexture2DOES"));
+    target(GL_TEXTURE_EXTERNAL_OES, image);
+    EXPECT_EQ(static_cast<GLenum>(GL_INVALID_ENUM), glGetError());
+    EXPECT_EQ(static_cast<GLenum>(GL_NO_ERROR), glGetError());
+    // The external texture is a render target of the same pixels.
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, texture,
+                           0);
+    EXPECT_EQ(static_cast<GLenum>(GL_FRAMEBUFFER_COMPLETE),
+              glCheckFramebufferStatus(GL_FRAMEBUFFER));
+    glClearColor(1.0f, 0.5f, 0.0f, 1.0f);
+    glClear(GL_COLOR_BUFFER_BIT);
+    glFinish();
+    void* pixels = nullptr;
+    ASSERT_EQ(::android::NO_ERROR, buffer->lock(0x33, &pixels));
+    const auto* bytes = static_cast<const uint8_t*>(pixels);
+    const size_t last = (static_cast<size_t>(31) * buffer->getStride() + 63) * 4;
+    EXPECT_EQ((std::vector<uint8_t>{255, 128, 0, 255}),
+              std::vector<uint8_t>(bytes + last, bytes + last + 4));
+    buffer->unlock();
+    glDeleteFramebuffers(1, &framebuffer);
+    glDeleteTextures(1, &texture);
+
+    // A buffer that claims more than its memory holds is refused, as is any native buffer once
+    // the layer is switched off.
+    sp<GraphicBuffer> liar = new GraphicBuffer(buffer->handle, GraphicBuffer::CLONE_HANDLE, 64,
+                                               4096, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x02000133,
+                                               static_cast<uint32_t>(buffer->getStride()));
+    EXPECT_EQ(EGL_NO_IMAGE_KHR, createImage(liar->getNativeBuffer()));
+    EXPECT_NE(EGL_SUCCESS, eglGetError());
+    {
+        gpu_test::HostGlLayerOff off;
+        EXPECT_EQ(EGL_NO_IMAGE_KHR, createImage(buffer->getNativeBuffer()));
+    }
+    EXPECT_EQ(1u, env.egl_cleanup());
+}
+
+}  // namespace host_layer
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The GPU branch of captureOnce: converts the slot's kept frame records with the GPU path.
 #include <cutils/native_handle.h>
 
+#include <mutex>
+
 #include "Capture.h"
 #include "CaptureLog.h"
 #include "EnumMapping.h"
@@ -12,6 +14,15 @@ namespace hardware {
 namespace capture {
 namespace V1_0 {
 namespace implementation {
+
+namespace {
+
+// The EGL display is one per process and every conversion terminates it when it ends, so two
+// conversions on different binder threads would pull it from under each other. Whole
+// conversions take turns here; no other lock is taken while this one is held.
+std::mutex gGpuConversionMutex;
+
+}  // namespace
 
 CaptureReturn Capture::captureOnceGpu(int32_t captureId) {
     // captureOnce has checked the identifier; the tables must not be indexed on trust though.
@@ -48,6 +59,7 @@ CaptureReturn Capture::captureOnceGpu(int32_t captureId) {
         return CaptureReturn::INVALID_BUFFER;
     }
 
+    std::lock_guard<std::mutex> conversion(gGpuConversionMutex);
     GpuDrawing* drawing = nullptr;
     gpu_init_drawing_env(gpu_covert_type_for_formats(srcFormat, dstFormat), &drawing);
 

@@ -115,12 +115,14 @@ sp<GraphicBuffer> wrapBuffer(const native_handle_t* handle, int32_t width, int32
 }
 
 // Bytes behind a buffer's descriptor, so that a dump never reads past the mapping whatever size
-// the client claimed. 0 when unknown.
+// the client claimed; kDumpBufferSizeUnknown when the descriptor cannot tell.
 uint64_t bufferBytes(const GraphicBuffer& buffer) {
     const native_handle_t* handle = buffer.handle;
-    if (handle == nullptr || handle->numFds < 1 || handle->data[0] < 0) return 0;
+    if (handle == nullptr || handle->numFds < 1 || handle->data[0] < 0) {
+        return kDumpBufferSizeUnknown;
+    }
     struct stat st;
-    if (fstat(handle->data[0], &st) != 0 || st.st_size <= 0) return 0;
+    if (fstat(handle->data[0], &st) != 0 || st.st_size <= 0) return kDumpBufferSizeUnknown;
     return static_cast<uint64_t>(st.st_size);
 }
 
@@ -217,7 +219,7 @@ GpuDrawing::~GpuDrawing() {
 
 uint32_t GpuDrawing::egl_init_env() {
     EGLDisplay dpy = eglGetDisplay(EGL_DEFAULT_DISPLAY);
-    const EGLBoolean initialized = eglInitialize(dpy, nullptr, nullptr);
+    eglInitialize(dpy, nullptr, nullptr);
 
     const EGLint configAttribs[] = {
         EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_SAMPLE_BUFFERS, 1, EGL_SAMPLES, 16, EGL_NONE};
@@ -242,7 +244,8 @@ uint32_t GpuDrawing::egl_init_env() {
         // Nothing is kept, so egl_cleanup will not see these: release them here.
         if (surface != EGL_NO_SURFACE) eglDestroySurface(dpy, surface);
         if (ctx != EGL_NO_CONTEXT) eglDestroyContext(dpy, ctx);
-        if (initialized == EGL_TRUE) eglTerminate(dpy);
+        // The display is the process's, not this environment's: another conversion may be
+        // using it, so it is left initialised.
         return 0;
     }
     // The surface lives on with the current context until it is unbound.
@@ -416,9 +419,8 @@ namespace {
 // Android native-buffer images).
 EGLImageKHR createBufferImage(EGLDisplay display, const sp<GraphicBuffer>& buffer,
                               ANativeWindowBuffer* nativeBuffer) {
-    if (buffer == nullptr || buffer->initCheck() != NO_ERROR || nativeBuffer == nullptr) {
-        return EGL_NO_IMAGE_KHR;
-    }
+    // A buffer whose wrap failed still goes to EGL, which judges the native buffer itself.
+    if (buffer == nullptr || nativeBuffer == nullptr) return EGL_NO_IMAGE_KHR;
     PFNEGLCREATEIMAGEKHRPROC createImage = eglCreateImageKHRProc();
     if (createImage == nullptr) {
         GPU_LOGE("eglCreateImageKHR is not available");
