@@ -174,7 +174,38 @@ private:
     const uint8_t* mChroma2 = nullptr;
 };
 
+// NV12, NV21 and NV16 converted to RGB: the common case, one chroma pair per two pixels.
+void presentSemiPlanar8(const BufferLayout& l, const uint8_t* memory, uint8_t* out) {
+    const YuvToRgbTables& t = tables8();
+    const int cbAt = l.crFirst ? 1 : 0;
+    const int crAt = 1 - cbAt;
+    for (uint32_t y = 0; y < l.height; ++y) {
+        const uint8_t* luma = memory + l.rowBytes * y;
+        const uint32_t chromaRow = l.chroma == Chroma::kSemi420 ? y / 2 : y;
+        const uint8_t* chroma = memory + l.plane1 + l.chromaRowBytes * chromaRow;
+        for (uint32_t x = 0; x < l.width; x += 2) {
+            const uint32_t cb = chroma[x + cbAt];
+            const uint32_t cr = chroma[x + crAt];
+            const int32_t r = t.rCr[cr];
+            const int32_t g = t.gCb[cb] + t.gCr[cr];
+            const int32_t b = t.bCb[cb];
+            const uint32_t pixels = x + 1 < l.width ? 2 : 1;
+            for (uint32_t i = 0; i < pixels; ++i, out += 4) {
+                const int32_t Y = t.y[luma[x + i]];
+                out[0] = static_cast<uint8_t>(t.clampRound(Y + r));
+                out[1] = static_cast<uint8_t>(t.clampRound(Y + g));
+                out[2] = static_cast<uint8_t>(t.clampRound(Y + b));
+                out[3] = 255;
+            }
+        }
+    }
+}
+
 void presentYuv(const BufferLayout& l, const uint8_t* memory, bool yuvRaw, uint8_t* out) {
+    if (!yuvRaw && !l.tenBit && (l.chroma == Chroma::kSemi420 || l.chroma == Chroma::kSemi422)) {
+        presentSemiPlanar8(l, memory, out);
+        return;
+    }
     const YuvToRgbTables& t = l.tenBit ? tables10() : tables8();
     for (uint32_t y = 0; y < l.height; ++y) {
         const YuvRowReader reader(l, memory, y);
@@ -227,7 +258,55 @@ uint32_t blockMean(const TargetTexels& t, const BufferLayout& l, uint32_t x0, ui
     return (sum + count / 2) / count;
 }
 
+// NV12, NV21 and NV16 from 8-bit (Y, Cb, Cr, A) texels: whole blocks summed in place, the
+// blocks cut by an odd edge through blockMean.
+void writeSemiPlanar8(const BufferLayout& l, const uint8_t* texels, uint8_t* memory) {
+    const size_t rowTexels = static_cast<size_t>(l.width) * 4;
+    for (uint32_t y = 0; y < l.height; ++y) {
+        const uint8_t* in = texels + rowTexels * y;
+        uint8_t* luma = memory + l.rowBytes * y;
+        for (uint32_t x = 0; x < l.width; ++x) luma[x] = in[x * 4];
+    }
+    const TargetTexels t{texels, l.width, false};
+    const uint32_t blockHeight = l.chroma == Chroma::kSemi420 ? 2 : 1;
+    const int cbAt = l.crFirst ? 1 : 0;
+    const int crAt = 1 - cbAt;
+    const uint32_t pairs = (l.width + 1) / 2;
+    for (uint32_t r = 0; r < l.chromaRows; ++r) {
+        const uint32_t y0 = r * blockHeight;
+        uint8_t* chroma = memory + l.plane1 + l.chromaRowBytes * r;
+        const uint8_t* top = texels + rowTexels * y0;
+        const uint8_t* bottom = top + (blockHeight == 2 ? rowTexels : 0);
+        const bool wholeRows = y0 + blockHeight <= l.height;
+        const uint32_t count = blockHeight * 2;
+        for (uint32_t k = 0; k < pairs; ++k) {
+            uint32_t cb, cr;
+            if (wholeRows && k * 2 + 1 < l.width) {
+                const uint8_t* a = top + k * 8;
+                const uint8_t* b = bottom + k * 8;
+                uint32_t sumCb = a[1] + a[5];
+                uint32_t sumCr = a[2] + a[6];
+                if (blockHeight == 2) {
+                    sumCb += b[1] + b[5];
+                    sumCr += b[2] + b[6];
+                }
+                cb = (sumCb + count / 2) / count;
+                cr = (sumCr + count / 2) / count;
+            } else {
+                cb = blockMean(t, l, k * 2, y0, blockHeight, 1);
+                cr = blockMean(t, l, k * 2, y0, blockHeight, 2);
+            }
+            chroma[k * 2 + cbAt] = static_cast<uint8_t>(cb);
+            chroma[k * 2 + crAt] = static_cast<uint8_t>(cr);
+        }
+    }
+}
+
 void writeYuv(const BufferLayout& l, const uint8_t* texels, uint8_t* memory) {
+    if (!l.tenBit && (l.chroma == Chroma::kSemi420 || l.chroma == Chroma::kSemi422)) {
+        writeSemiPlanar8(l, texels, memory);
+        return;
+    }
     const TargetTexels t{texels, l.width, l.tenBit};
     // Luma.
     for (uint32_t y = 0; y < l.height; ++y) {
