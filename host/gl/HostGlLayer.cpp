@@ -103,13 +103,15 @@ struct ContextState {
     std::map<GLuint, bool> yuvSamplerShaders;
     std::vector<GLenum> clientErrors;  // raised before the layer's own GL work, not yet read
     GLuint readFramebuffer = 0;
-    std::vector<uint8_t> staging;
 };
 
 struct Layer {
     std::recursive_mutex lock;
     std::set<LayerImage*> images;
     std::map<EGLContext, ContextState> contexts;
+    // Texels on their way through the CPU. Kept across conversions, whose contexts do not last,
+    // so that frames of a size seen before cost no allocation.
+    std::vector<uint8_t> staging;
     Stats stats;
 };
 
@@ -202,7 +204,7 @@ void resetTransferState() {
 
 // Fills the binding's texture from the buffer. Render targets of YUV formats hold samples as
 // they are, like sources sampled through the YUV sampler.
-void upload(Layer& l, ContextState& state, Binding& binding, bool yuvRaw) {
+void upload(Layer& l, Binding& binding, bool yuvRaw) {
     const uint64_t start = nowNs();
     const LayerImage& image = *binding.image;
     const BufferLayout& layout = image.layout;
@@ -213,8 +215,8 @@ void upload(Layer& l, ContextState& state, Binding& binding, bool yuvRaw) {
     if (uploadsDirect(layout.storage)) {
         REAL(glPixelStorei)(GL_UNPACK_ROW_LENGTH, static_cast<GLint>(layout.stride));
     } else {
-        presentSource(layout, image.memory, yuvRaw, &state.staging);
-        pixels = state.staging.data();
+        presentSource(layout, image.memory, yuvRaw, &l.staging);
+        pixels = l.staging.data();
     }
     REAL(glBindTexture)(GL_TEXTURE_2D, binding.texture);
     REAL(glTexSubImage2D)(GL_TEXTURE_2D, 0, 0, 0, static_cast<GLsizei>(layout.width),
@@ -279,9 +281,9 @@ void writeBackBinding(Layer& l, ContextState& state, Binding& binding) {
             }
         }
     } else {
-        state.staging.resize(static_cast<size_t>(width) * height * tf.readBytes);
-        REAL(glReadPixels)(0, 0, width, height, GL_RGBA, readType, state.staging.data());
-        writeBack(layout, state.staging.data(), image.memory);
+        l.staging.resize(static_cast<size_t>(width) * height * tf.readBytes);
+        REAL(glReadPixels)(0, 0, width, height, GL_RGBA, readType, l.staging.data());
+        writeBack(layout, l.staging.data(), image.memory);
     }
     REAL(glFramebufferTexture2D)(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
     binding.dirty = false;
@@ -315,7 +317,7 @@ void beforeDraw(Layer& l) {
     if (state == nullptr || (state->textures.empty() && state->framebuffers.empty())) return;
     stashClientErrors(*state);
     Binding* target = framebufferTarget(*state, GL_DRAW_FRAMEBUFFER_BINDING);
-    if (target != nullptr && !target->valid) upload(l, *state, *target, true);
+    if (target != nullptr && !target->valid) upload(l, *target, true);
     if (!state->textures.empty()) {
         const bool yuvRaw =
             programSamplesYuv(*state, static_cast<GLuint>(getInteger(GL_CURRENT_PROGRAM)));
@@ -327,7 +329,7 @@ void beforeDraw(Layer& l) {
                 if (it == state->textures.end()) continue;
                 Binding* sampled = it->second;
                 // What the GPU drew and has not yet written back is newer than the memory.
-                if (sampled != target && !sampled->dirty) upload(l, *state, *sampled, yuvRaw);
+                if (sampled != target && !sampled->dirty) upload(l, *sampled, yuvRaw);
             }
         }
         REAL(glActiveTexture)(static_cast<GLenum>(active));
@@ -668,7 +670,7 @@ void glClear(GLbitfield mask) {
         // A scissored clear keeps what lies outside the box, so that must be there first.
         if (!target->valid && REAL(glIsEnabled)(GL_SCISSOR_TEST)) {
             host_gl::stashClientErrors(*state);
-            host_gl::upload(l, *state, *target, true);
+            host_gl::upload(l, *target, true);
             host_gl::dropOwnErrors("clear");
         }
         target->valid = true;

@@ -344,14 +344,10 @@ void writeYuv(const BufferLayout& l, const uint8_t* texels, uint8_t* memory) {
                     memory[l.plane2 + l.chromaRowBytes * r + k] = static_cast<uint8_t>(cb);
                     break;
                 default: {
+                    // The 10-bit semi-planar formats; the 8-bit ones take writeSemiPlanar8.
                     uint8_t* row = memory + l.plane1 + l.chromaRowBytes * r;
-                    if (l.tenBit) {
-                        writePacked10(row, k * 2, cb);
-                        writePacked10(row, k * 2 + 1, cr);
-                    } else {
-                        row[k * 2 + (l.crFirst ? 1 : 0)] = static_cast<uint8_t>(cb);
-                        row[k * 2 + (l.crFirst ? 0 : 1)] = static_cast<uint8_t>(cr);
-                    }
+                    writePacked10(row, k * 2, cb);
+                    writePacked10(row, k * 2 + 1, cr);
                     break;
                 }
             }
