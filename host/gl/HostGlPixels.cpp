@@ -261,11 +261,13 @@ uint32_t blockMean(const TargetTexels& t, const BufferLayout& l, uint32_t x0, ui
 // NV12, NV21 and NV16 from 8-bit (Y, Cb, Cr, A) texels: whole blocks summed in place, the
 // blocks cut by an odd edge through blockMean.
 void writeSemiPlanar8(const BufferLayout& l, const uint8_t* texels, uint8_t* memory) {
-    const size_t rowTexels = static_cast<size_t>(l.width) * 4;
+    // Locals, so that the byte stores below need not reload them.
+    const uint32_t width = l.width;
+    const size_t rowTexels = static_cast<size_t>(width) * 4;
     for (uint32_t y = 0; y < l.height; ++y) {
         const uint8_t* in = texels + rowTexels * y;
         uint8_t* luma = memory + l.rowBytes * y;
-        for (uint32_t x = 0; x < l.width; ++x) luma[x] = in[x * 4];
+        for (uint32_t x = 0; x < width; ++x) luma[x] = in[x * 4];
     }
     const TargetTexels t{texels, l.width, false};
     const uint32_t blockHeight = l.chroma == Chroma::kSemi420 ? 2 : 1;
@@ -278,10 +280,11 @@ void writeSemiPlanar8(const BufferLayout& l, const uint8_t* texels, uint8_t* mem
         const uint8_t* top = texels + rowTexels * y0;
         const uint8_t* bottom = top + (blockHeight == 2 ? rowTexels : 0);
         const bool wholeRows = y0 + blockHeight <= l.height;
-        const uint32_t count = blockHeight * 2;
+        const uint32_t countShift = blockHeight;  // log2 of the 2 or 4 samples of a block
+        const uint32_t half = (1u << countShift) / 2;
         for (uint32_t k = 0; k < pairs; ++k) {
             uint32_t cb, cr;
-            if (wholeRows && k * 2 + 1 < l.width) {
+            if (wholeRows && k * 2 + 1 < width) {
                 const uint8_t* a = top + k * 8;
                 const uint8_t* b = bottom + k * 8;
                 uint32_t sumCb = a[1] + a[5];
@@ -290,8 +293,8 @@ void writeSemiPlanar8(const BufferLayout& l, const uint8_t* texels, uint8_t* mem
                     sumCb += b[1] + b[5];
                     sumCr += b[2] + b[6];
                 }
-                cb = (sumCb + count / 2) / count;
-                cr = (sumCr + count / 2) / count;
+                cb = (sumCb + half) >> countShift;
+                cr = (sumCr + half) >> countShift;
             } else {
                 cb = blockMean(t, l, k * 2, y0, blockHeight, 1);
                 cr = blockMean(t, l, k * 2, y0, blockHeight, 2);
