@@ -271,6 +271,33 @@ TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndDrawsOnMesa) {
     EXPECT_TRUE(pattern(640 * 360 * 4, 4) == readFile(output));
 }
 
+TEST_F(GpuCaptureTest, ASourceTheWrapRefusesStillReachesEgl) {
+    // Two descriptors: not this allocator's handle, so the wrap's initCheck fails, yet the
+    // buffer is memory EGL can take, with its stride where the service reads it.
+    src = makeFilledBuffer(32, 32, HAL_PIXEL_FORMAT_RGBA_8888, 7);
+    dst = makeFilledBuffer(32, 32, HAL_PIXEL_FORMAT_RGBA_8888, 8);
+    ASSERT_TRUE(src != nullptr && dst != nullptr);
+    native_handle_t* foreign = native_handle_create(2, kGrallocPrivateNumInts - 1);
+    ASSERT_NE(nullptr, foreign);
+    foreign->data[0] = dup(src->handle->data[0]);
+    foreign->data[1] = dup(src->handle->data[0]);
+    foreign->data[kGrallocPrivateStrideIndex] = src->getStride();
+    keepRows(CaptureFormat::ARGB8888, CaptureFormat::ARGB8888);
+    mSrcFrameInfo[kSlot].buffer = hidl_handle(foreign);
+
+    EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce());
+    void* in = nullptr;
+    void* out = nullptr;
+    ASSERT_EQ(::android::NO_ERROR, src->lock(0x33, &in));
+    ASSERT_EQ(::android::NO_ERROR, dst->lock(0x33, &out));
+    const size_t bytes = static_cast<size_t>(src->getStride()) * 32 * 4;
+    EXPECT_EQ(0, memcmp(in, out, bytes)) << "the source was not sampled";
+    src->unlock();
+    dst->unlock();
+    native_handle_close(foreign);
+    native_handle_delete(foreign);
+}
+
 // What the EGL implementation itself keeps per display initialisation, measured the same way.
 void bareEglCycle() {
     EGLDisplay display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
