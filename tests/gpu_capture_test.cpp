@@ -298,6 +298,21 @@ TEST_F(GpuCaptureTest, ASourceTheWrapRefusesStillReachesEgl) {
     native_handle_delete(foreign);
 }
 
+TEST_F(GpuCaptureTest, ASourceClaimingMoreRowsThanItsMemoryIsNeitherDumpedNorSampled) {
+    DumpFolder folder;
+    dump_input_index = 1;
+    dump_output_index = 1;
+    src = makeFilledBuffer(64, 32, GRALLOC_PRIVATE_FORMAT_NV12, 3);
+    dst = makeFilledBuffer(64, 32, HAL_PIXEL_FORMAT_RGBA_8888, 4);
+    ASSERT_TRUE(src != nullptr && dst != nullptr);
+    keepRows();
+    mSrcFrameInfo[kSlot].height = 4096;
+
+    EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce());
+    EXPECT_EQ(Names{"gpu_output-0001_64x32_RGBA8888.raw"}, folder.files());
+    EXPECT_EQ(1u, log.count("eglCreateImageKHR of a 64x4096 buffer failed")) << log.dump();
+}
+
 // What the EGL implementation itself keeps per display initialisation, measured the same way.
 void bareEglCycle() {
     EGLDisplay display = eglGetDisplay(EGL_DEFAULT_DISPLAY);

@@ -123,8 +123,10 @@ TEST(GpuEnvNoDriverTest, EnvironmentWithoutContextIsStillHandedOutAndDraws) {
         setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent/egl_vendor.json", 1);
         GpuPhotoFeatureIn feature(nullptr, nullptr);
         feature.srcWidth = feature.srcHeight = feature.dstWidth = feature.dstHeight = 16;
+        GpuDrawing probe;
         GpuDrawing* drawing = nullptr;
-        const bool ok = gpu_init_drawing_env(GPU_COVERT_RGB_TO_RGB, &drawing) == 1 &&
+        const bool ok = probe.egl_init_env() == 0 && probe.display == EGL_NO_DISPLAY &&
+                        gpu_init_drawing_env(GPU_COVERT_RGB_TO_RGB, &drawing) == 1 &&
                         drawing->context == EGL_NO_CONTEXT &&
                         gpu_draw_frame(&feature, drawing) == 1;
         gpu_deinit_drawing_env(drawing);
