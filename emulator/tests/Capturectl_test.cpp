@@ -1,12 +1,15 @@
 // capturectl run as a user runs it, on the emulated hardware: its exit status, what it prints and
 // the pictures it writes.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <png.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -84,6 +87,28 @@ bool project(const Geometry& g, uint32_t sx, uint32_t sy, uint32_t* dx, uint32_t
     return true;
 }
 
+// Checks the middle of each bar, half way down the bars of the 1920x1080 source, in a picture of
+// the pattern made with geometry g.
+void expectBarsWhereGeometryPutsThem(const Picture& picture, const Geometry& g) {
+    ASSERT_EQ(picture.image.width, g.dstW);
+    ASSERT_EQ(picture.image.height, g.dstH);
+    int checked = 0;
+    for (uint32_t bar = 0; bar < kBarCount; ++bar) {
+        uint32_t dx, dy, sx = (2 * bar + 1) * 1920 / (2 * kBarCount), sy = barsEndRow(1080) / 2;
+        if (!project(g, sx, sy, &dx, &dy)) continue;
+        EXPECT_TRUE(picture.near(dx, dy, kBarColours[bar])) << "bar " << bar;
+        ++checked;
+    }
+    EXPECT_GE(checked, 3);
+}
+
+std::string geometryArguments(const Geometry& g) {
+    char text[96];
+    snprintf(text, sizeof(text), " --crop %u,%u,%u,%u --size %ux%u --rotate %u", g.cropX, g.cropY,
+             g.cropW, g.cropH, g.dstW, g.dstH, g.rotation);
+    return text;
+}
+
 class CapturectlOnce : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(CapturectlOnce, BarsLandWhereCropScaleAndRotationPutThem) {
@@ -93,26 +118,12 @@ TEST_P(CapturectlOnce, BarsLandWhereCropScaleAndRotationPutThem) {
         {0, 0, 640, 810, 320, 404, 180},    {960, 0, 960, 1080, 270, 480, 90},
     };
     for (const Geometry& g : geometries) {
-        char arguments[160];
-        snprintf(arguments, sizeof(arguments),
-                 "once --format %s --crop %u,%u,%u,%u --size %ux%u --rotate %u --out ", GetParam(),
-                 g.cropX, g.cropY, g.cropW, g.cropH, g.dstW, g.dstH, g.rotation);
+        std::string arguments = std::string("once --format ") + GetParam() + geometryArguments(g);
         SCOPED_TRACE(arguments);
         std::string png = tempPath("once.png");
-        ToolRun r = run(arguments + png);
+        ToolRun r = run(arguments + " --out " + png);
         ASSERT_EQ(r.status, 0) << r.output;
-        Picture picture(png);
-        ASSERT_EQ(picture.image.width, g.dstW);
-        ASSERT_EQ(picture.image.height, g.dstH);
-        int checked = 0;
-        for (uint32_t bar = 0; bar < kBarCount; ++bar) {
-            // The middle of each bar, half way down the bars of the 1920x1080 source.
-            uint32_t dx, dy, sx = (2 * bar + 1) * 1920 / (2 * kBarCount), sy = barsEndRow(1080) / 2;
-            if (!project(g, sx, sy, &dx, &dy)) continue;
-            EXPECT_TRUE(picture.near(dx, dy, kBarColours[bar])) << "bar " << bar;
-            ++checked;
-        }
-        EXPECT_GE(checked, 3);
+        expectBarsWhereGeometryPutsThem(Picture(png), g);
     }
 }
 
@@ -123,22 +134,144 @@ INSTANTIATE_TEST_SUITE_P(EveryWrittenFormat, CapturectlOnce,
                                            "NV12", "NV21"),
                          [](const auto& info) { return std::string(info.param); });
 
+// The same pattern through both engines of a memory-to-memory conversion, and a capture point's
+// frame converted on the GPU path: the pictures must agree with where crop, scale and rotation
+// put each bar, in formats whose layouts differ between the hardware and the graphics allocator.
+TEST(CapturectlConvert, BothEnginesPutTheBarsWhereCropScaleAndRotationSay) {
+    const struct {
+        const char* command;
+        const char* formats;
+        Geometry g;
+    } cases[] = {
+        {"convert --engine dip", "--format NV12", {480, 270, 960, 540, 360, 640, 90}},
+        {"convert --engine gpu", "--format NV12", {480, 270, 960, 540, 360, 640, 90}},
+        {"convert --engine dip",
+         "--source-format NV16 --format ABGR8888",
+         {0, 0, 1920, 1080, 960, 540, 180}},
+        {"convert --engine gpu",
+         "--source-format NV21 --format RGB565",
+         {0, 0, 1920, 1080, 960, 540, 180}},
+        {"convert --engine gpu",
+         "--source-format YUYV --format YUYV_10B",
+         {960, 0, 960, 1080, 270, 480, 270}},
+        // The bars' sample row lands near the bottom: the last chroma rows are read too.
+        {"convert --engine gpu",
+         "--source-format BGR888 --format RZ21S10L",
+         {0, 400, 1920, 410, 960, 206, 180}},
+        {"convert --engine gpu",
+         "--source-format ABGR2101010 --format BGR888",
+         {240, 100, 1440, 900, 720, 450, 0}},
+        {"once --gpu", "--format NV21", {480, 270, 960, 540, 360, 640, 90}},
+    };
+    for (const auto& c : cases) {
+        std::string arguments = std::string(c.command) + " " + c.formats + geometryArguments(c.g);
+        SCOPED_TRACE(arguments);
+        std::string png = tempPath("convert.png");
+        ToolRun r = run(arguments + " --out " + png);
+        ASSERT_EQ(r.status, 0) << r.output;
+        EXPECT_EQ(r.output.find("untouched"), std::string::npos) << r.output;
+        expectBarsWhereGeometryPutsThem(Picture(png), c.g);
+    }
+}
+
+// A picture from a file, turned on the GPU path: its four quadrants change places clockwise.
+TEST(CapturectlConvert, FileInputIsTurnedClockwise) {
+    std::string quadrants = tempPath("quadrants.png"), turned = tempPath("turned.png");
+    ToolRun made = run("convert --pattern quadrants --source 320x200 --out " + quadrants);
+    ASSERT_EQ(made.status, 0) << made.output;
+    ToolRun r = run("convert --engine gpu --rotate 90 --in " + quadrants + " --out " + turned);
+    unlink(quadrants.c_str());
+    ASSERT_EQ(r.status, 0) << r.output;
+    Picture picture(turned);
+    ASSERT_EQ(picture.image.width, 200u);
+    ASSERT_EQ(picture.image.height, 320u);
+    // Red, green / blue, white before; blue, red / white, green after.
+    EXPECT_TRUE(picture.near(50, 80, 0x0000FF));
+    EXPECT_TRUE(picture.near(150, 80, 0xFF0000));
+    EXPECT_TRUE(picture.near(50, 240, 0xFFFFFF));
+    EXPECT_TRUE(picture.near(150, 240, 0x00FF00));
+}
+
+// Dumps carry the sequence number, the pitch where rows are longer than the width, the size and
+// the graphics format in their names, and the frame's bytes.
+TEST(CapturectlConvert, DumpFolderReceivesTheGpuPathsInputAndOutput) {
+    std::string dir = tempPath("dumps");
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    // Neither is a dump of this run.
+    std::ofstream(dir + "/notes.txt") << "not a dump\n";
+    std::ofstream(dir + "/gpu_output-0009_64x64_NV12.raw") << "an earlier run's\n";
+    ToolRun r =
+        run("convert --engine gpu --source 640x360 --rotate 90 --format NV12 --out "
+            "/dev/null --dump-dir " +
+            dir);
+    EXPECT_EQ(r.status, 0) << r.output;
+    std::map<std::string, std::string> files;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            std::string path = dir + "/" + e->d_name;
+            std::ifstream in(path, std::ios::binary);
+            files[e->d_name].assign(std::istreambuf_iterator<char>(in), {});
+            unlink(path.c_str());
+        }
+        closedir(d);
+    }
+    rmdir(dir.c_str());
+    const std::string input = "gpu_intput-0001_640x360_RGBA8888.raw";
+    const std::string output = "gpu_output-0001_s384_360x640_NV12.raw";  // rows of 384 px
+    ASSERT_EQ(files.size(), 4u) << r.output;
+    EXPECT_EQ(r.output.find("notes.txt"), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find("0009"), std::string::npos) << r.output;
+    ASSERT_EQ(files[input].size(), 640u * 360 * 4);
+    EXPECT_EQ(files[output].size(), 384u * 640 * 3 / 2);
+    EXPECT_NE(r.output.find("dump: " + dir + "/" + output), std::string::npos) << r.output;
+    // R, G, B, A of the source: white in the first bar, blue in the seventh.
+    EXPECT_EQ(files[input].substr(0, 4), std::string(4, '\xFF'));
+    EXPECT_EQ(files[input].substr((100 * 640 + 520) * 4, 4), std::string("\0\0\xFF\xFF", 4));
+}
+
+// The service fits a dump's path into 127 characters; a folder that leaves too little room for
+// the longest name would lose dumps without a word, so capturectl refuses it up front.
+TEST(CapturectlConvert, DumpFolderMustLeaveRoomForTheNames) {
+    if (tempPath("").size() >= 75) GTEST_SKIP() << "the temporary folder's path is too long";
+    for (size_t length : {75u, 76u}) {  // without the '/' capturectl adds
+        std::string dir = tempPath("");
+        dir.resize(length, 'd');
+        SCOPED_TRACE(dir);
+        ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+        ToolRun r = run("convert --engine gpu --source 320x180 --out /dev/null --dump-dir " + dir);
+        for (const char* name :
+             {"/gpu_intput-0001_320x180_RGBA8888.raw", "/gpu_output-0001_320x180_RGBA8888.raw"}) {
+            unlink((dir + name).c_str());
+        }
+        rmdir(dir.c_str());
+        EXPECT_EQ(r.status, length == 75 ? 0 : 2) << r.output;
+        if (length == 76) {
+            EXPECT_NE(r.output.find("at most 76"), std::string::npos) << r.output;
+        }
+    }
+}
+
 TEST(Capturectl, DemoWritesPicturesOfThePattern) {
     std::string dir = tempPath("demo");
     ToolRun r = run("demo --out-dir " + dir);
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("PNG files are in " + dir), std::string::npos) << r.output;
-    Picture once(dir + "/once.png"), turned(dir + "/memory-rotated.png");
+    Picture once(dir + "/once.png"), turned(dir + "/memory-rotated.png"),
+        turnedGpu(dir + "/memory-rotated-gpu.png");
     EXPECT_EQ(Picture(dir + "/stream-last.png").image.width, 1280u);
     rmdir(dir.c_str());
     ASSERT_EQ(once.image.width, 1280u);
     ASSERT_EQ(turned.image.width, 360u);
+    ASSERT_EQ(turnedGpu.image.width, 360u);
     for (uint32_t bar = 0; bar < kBarCount; ++bar) {
         EXPECT_TRUE(once.near(bar * 160 + 80, 270, kBarColours[bar])) << bar;
     }
-    // From memory: the centre of that frame (bars 2..5), turned clockwise so they run down.
+    // From memory: the centre of that frame (bars 2..5), turned clockwise so they run down; the
+    // DIP and the GPU path alike.
     for (uint32_t bar = 2; bar < 6; ++bar) {
         EXPECT_TRUE(turned.near(180, (bar - 2) * 160 + 80, kBarColours[bar])) << bar;
+        EXPECT_TRUE(turnedGpu.near(180, (bar - 2) * 160 + 80, kBarColours[bar])) << bar;
     }
 }
 
@@ -173,6 +306,8 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         {"", "query --memory --source 3840x2160 --size 1920x1080 --format ABGR8888", 0,
          "engine: DIP\ndestination rows: multiples of 16 px\nbandwidth: 1244.2 MB/s"},
         {"", "query --memory --format YV12", 0, "engine: GPU (the DIP cannot do it)"},
+        {"", "query --memory --gpu", 0, "engine: GPU (the DIP cannot do it)"},
+        {"", "query --gpu", 1, "answer: DIP_NOT_SUPPORT (30)"},
         {fail + "CaptureStart:17", "dump", 0, "faults:\n  fail VX_CAPTURE_CaptureStart with 17"},
         // The done record of ring buffer 1 of 1280x720 NV12 frames (0x152000 bytes apart).
         {"", "stream --frames 3 --verbose", 0,
@@ -195,7 +330,27 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
          "frameProcessDone refused: BUFFER_NOT_READY (22)"},
         {"CAPTURE_EMU_CONTROL=" + control, "stream --frames 5 --quiet", 1,
          "stopCapture refused: TIMEOUT (9)"},
+        // What the GPU path cannot reach or capturectl cannot show, and conversions the DIP
+        // cannot do.
+        {"", "convert --engine gpu --format YV12", 1,
+         "setCaptureFrameInfo refused: FORMAT_NOT_SUPPORT (3)\nwhy:"},
+        {"", "convert --source 1920x1080 --size 64x64", 1,
+         "the service would convert this on the GPU path, not on the DIP"},
+        {"CAPTURE_HOST_GL=0", "convert --engine gpu --out /dev/null", 0,
+         "reported success but left the destination untouched"},
         {"", "frobnicate", 2, "unknown command 'frobnicate'"},
+        {"", "convert --crop 1800,0,200,100", 2,
+         "crop 1800,0,200,100 is not inside the 1920x1080 source"},
+        {"", "convert --crop 0,0,0,100", 2, "crop 0,0,0,100 is not inside"},
+        {"", "convert --rotate 45", 2, "rotation 45 is not 0, 90, 180 or 270"},
+        {"", "convert --engine gpu --format NV61", 2,
+         "the GPU path does not write NV61; it writes YUYV YUYV_10B ARGB8888 ABGR8888 RGB565 "
+         "BGR888 NV16 NV12 NV21 RZ21S10L ARGB16161616 YV12 ABGR2101010\n"},
+        {"", "once --gpu --format ARGB2101010", 2, "the GPU path does not write ARGB2101010"},
+        {"", "convert --engine dip --format YV12", 2, "the hardware does not write YV12"},
+        {"", "convert --in /nonexistent.png", 2, "cannot read /nonexistent.png"},
+        {"", "convert --dump-dir /nonexistent", 2, "dump folder /nonexistent does not exist"},
+        {"", "once --dump-dir /dev/null", 2, "dump folder /dev/null is not a folder"},
         {"CAPTURE_SUBHAL_PATH=/nonexistent.so", "info", 3, "initLib refused: FAIL (4)"},
     };
     for (const auto& c : cases) {

@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include <android-base/properties.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -15,6 +16,8 @@
 #include <thread>
 
 #include "Capture.h"
+#include "Conversion.h"
+#include "EnumMapping.h"
 #include "Picture.h"
 #include "Session.h"
 #include "capture_emulator/Emulator.h"
@@ -48,22 +51,6 @@ struct Setup {
     uint32_t srcFormat = 0x800;  // query: its format
 };
 
-struct Failure {
-    int status;
-};
-
-[[noreturn]] void usageError(const char* fmt, const std::string& value) {
-    fprintf(stderr, "capturectl: ");
-    fprintf(stderr, fmt, value.c_str());
-    fprintf(stderr, "\n");
-    throw Failure{kExitUsage};
-}
-
-[[noreturn]] void refused(const char* what, CaptureReturn code) {
-    fprintf(stderr, "capturectl: %s refused: %s\n", what, describe(code).c_str());
-    throw Failure{kExitRefused};
-}
-
 uint32_t parseNumber(const std::string& text, const char* what) {
     char* end = nullptr;
     errno = 0;
@@ -89,6 +76,18 @@ uint32_t parseFormat(const std::string& text) {
     return bit;
 }
 
+void parseCrop(const std::string& text, uint32_t* x, uint32_t* y, uint32_t* w, uint32_t* h) {
+    unsigned cx, cy, cw, ch;
+    char tail;
+    if (sscanf(text.c_str(), "%u,%u,%u,%u%c", &cx, &cy, &cw, &ch, &tail) != 4 || text[0] == '-') {
+        usageError("bad crop '%s' (X,Y,W,H)", text);
+    }
+    *x = cx;
+    *y = cy;
+    *w = cw;
+    *h = ch;
+}
+
 Setup parseSetup(const Options& o) {
     Setup s;
     if (o.has("point")) s.point = parseNumber(o.get("point", ""), "capture point");
@@ -102,18 +101,7 @@ Setup parseSetup(const Options& o) {
     if (o.has("source-format")) s.srcFormat = parseFormat(o.get("source-format", ""));
     if (o.has("rotate")) s.rotate = parseNumber(o.get("rotate", ""), "rotation");
     s.memory = o.has("memory");
-    if (o.has("crop")) {
-        std::string c = o.get("crop", "");
-        unsigned x, y, w, h;
-        char tail;
-        if (sscanf(c.c_str(), "%u,%u,%u,%u%c", &x, &y, &w, &h, &tail) != 4) {
-            usageError("bad crop '%s' (X,Y,W,H)", c);
-        }
-        s.cropX = x;
-        s.cropY = y;
-        s.cropW = w;
-        s.cropH = h;
-    }
+    if (o.has("crop")) parseCrop(o.get("crop", ""), &s.cropX, &s.cropY, &s.cropW, &s.cropH);
     if (s.dstFps == 0) s.dstFps = s.srcFps;
     return s;
 }
@@ -218,29 +206,72 @@ void configureLive(const sp<ICapture>& svc, int32_t id, const Setup& s, const Bu
     if (ret != CaptureReturn::SUCCESS) refused("setCaptureFrameInfo", ret);
 }
 
-void savePng(const std::string& path, const PixelFormatInfo& f, const FrameLayout& layout,
-             const uint8_t* frame, uint32_t w, uint32_t h) {
-    std::vector<uint8_t> rgb;
-    if (!frameToRgb(f, layout, frame, w, h, &rgb)) {
-        fprintf(stderr, "capturectl: cannot turn %s into a picture\n", f.name);
+FramePlanes planesOf(uint8_t* frame, const FrameLayout& layout) {
+    FramePlanes p;
+    p.base = frame;
+    p.pitch = layout.pitch;
+    p.chromaOffset = layout.chromaOffset;
+    return p;
+}
+
+void savePng(const std::string& path, uint32_t format, const FramePlanes& planes, uint32_t w,
+             uint32_t h) {
+    ArgbImage image;
+    if (!decodeFrame(format, planes, w, h, &image)) {
+        fprintf(stderr, "capturectl: cannot turn %s into a picture\n", formatName(format).c_str());
         throw Failure{kExitRefused};
     }
-    std::string error = writePng(path, rgb, w, h);
+    std::string error = writePng(path, image);
     if (!error.empty()) {
         fprintf(stderr, "capturectl: %s\n", error.c_str());
         throw Failure{kExitRefused};
     }
 }
 
-// Reasons the service and the hardware logged, indented, for the user.
-void printReasons(const char* heading) {
-    bool first = true;
-    for (const LogLine& line : takeLogLines()) {
-        if (line.priority < 5 && line.tag != "CAPTURE_EMU") continue;
-        if (first) printf("%s\n", heading);
-        first = false;
-        printf("    %s: %s\n", line.tag.c_str(), line.text.c_str());
+void savePng(const std::string& path, const PixelFormatInfo& f, const FrameLayout& layout,
+             uint8_t* frame, uint32_t w, uint32_t h) {
+    savePng(path, f.captureFormat, planesOf(frame, layout), w, h);
+}
+
+// A service that reported success may still have drawn nothing: the GPU path logs what the
+// platform's graphics refuse and goes on. Say so rather than hand over a picture of nothing.
+void noteIfUntouched(GraphicFrame* frame) {
+    if (!frame->untouched()) return;
+    frame->clear();
+    fprintf(stderr,
+            "capturectl: note: the GPU path reported success but left the destination untouched "
+            "(it draws nothing where the platform's graphics lack what it needs; -v shows its "
+            "log); the picture is black\n");
+}
+
+// CaptureFormat names passing `keep`, for messages.
+template <typename Keep>
+std::string formatList(Keep keep) {
+    std::string list;
+    for (uint32_t bit = 1; bit != 0 && bit <= 0x1000000; bit <<= 1) {
+        if (keep(bit)) list += (list.empty() ? "" : " ") + formatName(bit);
     }
+    return list;
+}
+
+bool gpuWrites(uint32_t format) {
+    using ::vendor::quenlark::hardware::capture::V1_0::implementation::formatMappingGpu;
+    return formatMappingGpu(format) != 0;
+}
+
+// A destination format of the GPU path. The service, not capturectl, refuses those it will not
+// hand the GPU path.
+uint32_t gpuDestinationFormat(uint32_t format) {
+    if (!gpuWrites(format)) {
+        usageError(("the GPU path does not write %s; it writes " + formatList(gpuWrites)).c_str(),
+                   formatName(format));
+    }
+    return format;
+}
+
+std::unique_ptr<DumpFolder> dumpsFrom(const Options& o) {
+    if (!o.has("dump-dir")) return nullptr;
+    return std::make_unique<DumpFolder>(o.get("dump-dir", ""));
 }
 
 // -- stream ---------------------------------------------------------------------------------
@@ -466,6 +497,7 @@ int cmdQuery(const Options& o) {
     q.crop_width = s.cropW != 0 ? s.cropW : s.srcW;
     q.crop_height = s.cropH != 0 ? s.cropH : s.srcH;
     q.captureType = s.memory ? 1 : 0;
+    if (o.has("gpu")) ::android::base::SetProperty("vendor.zor.capture.forcegpu", "1");
     CaptureReturn ret = CaptureReturn::FAIL;
     getQueryInfo a = {};
     svc->getCaptureCapabilityInfo(inst.id(), q, [&](CaptureReturn r, const getQueryInfo& info) {
@@ -493,11 +525,53 @@ int cmdQuery(const Options& o) {
     return ret == CaptureReturn::SUCCESS ? kExitOk : kExitRefused;
 }
 
+// The GPU path converts frames in memory only: the capture point's frame is taken whole by the
+// DIP, then cropped, scaled, turned and converted on the GPU path.
+int onceThroughGpu(const Options& o, const Setup& s) {
+    gpuDestinationFormat(s.format);
+    std::string out = o.get("out", "capture.png");
+    std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
+    Placement p{s.cropX, s.cropY, s.cropW, s.cropH, s.rotate};
+    if (p.cropW == 0 && p.cropH == 0) p = Placement{0, 0, s.srcW, s.srcH, s.rotate};
+    sp<ICapture> svc = service(o);
+    Instance inst(svc);
+
+    Setup whole = s;
+    whole.cropX = whole.cropY = whole.cropW = whole.cropH = 0;
+    whole.dstW = s.srcW;
+    whole.dstH = s.srcH;
+    whole.format = static_cast<uint32_t>(CaptureFormat::NV12);
+    whole.rotate = 0;
+    const PixelFormatInfo& nv12 = hardwareFormat(whole.format);
+    FrameLayout layout = layoutOf(nv12, whole.dstW, whole.dstH);
+    Buffer live(layout.frameStride);
+    GraphicFrame src(whole.format, s.srcW, s.srcH), dst(s.format, s.dstW, s.dstH);
+    if (!live.valid() || !src.valid() || !dst.valid()) {
+        fprintf(stderr, "capturectl: cannot allocate the frames\n");
+        return kExitRefused;
+    }
+    configureLive(svc, inst.id(), whole, live);
+    CaptureReturn ret = svc->captureOnce(inst.id());
+    if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
+    copyFrame(nv12, layout, live.data(), src.planes(), s.srcW);
+
+    dst.markUntouched();
+    convertInMemory(svc, inst.id(), Engine::kGpu, refOf(src), p, refOf(dst));
+    noteIfUntouched(&dst);
+    savePng(out, s.format, dst.planes(), s.dstW, s.dstH);
+    printf("wrote %s: %ux%u %s from capture point %u, converted on the GPU path\n", out.c_str(),
+           s.dstW, s.dstH, formatName(s.format).c_str(), s.point);
+    if (dumps) dumps->report("");
+    return kExitOk;
+}
+
 int cmdOnce(const Options& o) {
     Setup s = parseSetup(o);
+    if (o.has("gpu")) return onceThroughGpu(o, s);
     const PixelFormatInfo& f = hardwareFormat(s.format);
     FrameLayout layout = layoutOf(f, s.dstW, s.dstH);
     std::string out = o.get("out", "capture.png");
+    std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
     sp<ICapture> svc = service(o);
     Buffer buffer(layout.frameStride);
     if (!buffer.valid()) throw Failure{kExitRefused};
@@ -508,6 +582,7 @@ int cmdOnce(const Options& o) {
     savePng(out, f, layout, buffer.data(), s.dstW, s.dstH);
     printf("wrote %s: %ux%u %s from capture point %u\n", out.c_str(), s.dstW, s.dstH, f.name,
            s.point);
+    if (dumps) dumps->report("");
     return kExitOk;
 }
 
@@ -561,6 +636,7 @@ int cmdDump(const Options& o) {
 
 int cmdDemo(const Options& o) {
     std::string dir = o.get("out-dir", "capturectl-demo");
+    std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
     // Parents first, so that a fresh checkout can write straight into out/demo.
     for (size_t slash = dir.find('/', 1); slash != std::string::npos;
          slash = dir.find('/', slash + 1)) {
@@ -629,38 +705,159 @@ int cmdDemo(const Options& o) {
     printStreamSummary(r, "   ");
     printf("   %s\n", plan.lastPng.c_str());
 
-    printf("6. memory to memory: the centre of step 4's frame, turned 90 degrees, as ABGR8888\n");
-    const PixelFormatInfo& rgb = hardwareFormat(0x8);
+    // Both engines get the same request, so the two pictures can be laid side by side.
+    printf(
+        "6. memory to memory on the DIP: the centre of step 4's frame, turned 90 degrees, "
+        "as ABGR8888\n");
+    const uint32_t nv12 = static_cast<uint32_t>(CaptureFormat::NV12);
+    const uint32_t abgr = static_cast<uint32_t>(CaptureFormat::ABGR8888);
+    const Placement centre{320, 180, 640, 360, 90};
+    FrameRef from{source.handle(), nv12, s.dstW, s.dstH, layout.chromaOffset};
+    const PixelFormatInfo& rgb = hardwareFormat(abgr);
     FrameLayout outLayout = layoutOf(rgb, 360, 640);
     Buffer out(outLayout.frameStride);
     if (!out.valid()) throw Failure{kExitRefused};
-    CaptureSrcFrameInfo src = {};
-    src.width = s.dstW;
-    src.height = s.dstH;
-    src.format = CaptureFormat::NV12;
-    src.buffer = hidl_handle(source.handle());
-    src.vPlaneOffset = hidl_vec<uint32_t>{0u, layout.chromaOffset};
-    CaptureDstFrameInfo dst = {};
-    dst.cropX = 320;
-    dst.cropY = 180;
-    dst.cropWidth = 640;
-    dst.cropHeight = 360;
-    dst.width = 360;
-    dst.height = 640;
-    dst.rotateAngle = 90;
-    dst.format = CaptureFormat::ABGR8888;
-    dst.buffer = hidl_handle(out.handle());
-    svc->setCaptureFrameInfo(inst.id(), src, dst,
-                             [&](CaptureReturn res, const hidl_vec<uint32_t>&) { ret = res; });
-    if (ret != CaptureReturn::SUCCESS) refused("setCaptureFrameInfo", ret);
-    ret = svc->captureOnce(inst.id());
-    if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
+    convertInMemory(svc, inst.id(), Engine::kDip, from, centre,
+                    FrameRef{out.handle(), abgr, 360, 640, 0});
     std::string turned = dir + "/memory-rotated.png";
     savePng(turned, rgb, outLayout, out.data(), 360, 640);
     printf("   %s\n", turned.c_str());
 
-    printf("7. close\n");
+    printf("7. the same on the GPU path (forced)\n");
+    GraphicFrame gpuSource(nv12, s.dstW, s.dstH), gpuOut(abgr, 360, 640);
+    if (!gpuSource.valid() || !gpuOut.valid()) throw Failure{kExitRefused};
+    copyFrame(f, layout, source.data(), gpuSource.planes(), s.dstW);
+    gpuOut.markUntouched();
+    convertInMemory(svc, inst.id(), Engine::kGpu, refOf(gpuSource), centre, refOf(gpuOut));
+    noteIfUntouched(&gpuOut);
+    std::string turnedGpu = dir + "/memory-rotated-gpu.png";
+    savePng(turnedGpu, abgr, gpuOut.planes(), 360, 640);
+    printf("   %s\n", turnedGpu.c_str());
+    if (dumps) dumps->report("   ");
+
+    printf("8. close\n");
     printf("PNG files are in %s/\n", dir.c_str());
+    return kExitOk;
+}
+
+// -- convert --------------------------------------------------------------------------------
+
+// Source formats capturectl can write for an engine.
+bool dipReadsFrom(uint32_t format) {
+    const PixelFormatInfo* f = capture_emulator::findCaptureFormat(format);
+    return f != nullptr && f->readable && !f->tiled;
+}
+
+bool gpuReadsFrom(uint32_t format) {
+    return dipReadsFrom(format) && gpuWrites(format);
+}
+
+int cmdConvert(const Options& o) {
+    Engine engine = Engine::kDip;
+    std::string engineText = o.get("engine", "dip");
+    if (engineText == "gpu") {
+        engine = Engine::kGpu;
+    } else if (engineText != "dip") {
+        usageError("unknown engine '%s' (dip or gpu)", engineText);
+    }
+    const bool gpu = engine == Engine::kGpu;
+
+    ArgbImage picture;
+    std::string origin;
+    if (o.has("in")) {
+        if (o.has("pattern") || o.has("source")) {
+            usageError("--in %s takes its size from the file: no --pattern or --source with it",
+                       o.get("in", ""));
+        }
+        origin = o.get("in", "");
+        std::string error = readPng(origin, &picture);
+        if (!error.empty()) usageError("%s", error);
+    } else {
+        uint32_t w = 1920, h = 1080;
+        if (o.has("source")) parseSize(o.get("source", ""), &w, &h, "source size");
+        origin = o.get("pattern", "bars");
+        if (w > 16384 || h > 16384)
+            usageError("source %s larger than 16384x16384", o.get("source", ""));
+        if (!renderNamedPattern(origin, w, h, &picture)) {
+            usageError((std::string("unknown pattern '%s' (") + kPatternNames + ")").c_str(),
+                       origin);
+        }
+        origin = "the " + origin + " pattern";
+    }
+    const uint32_t srcW = picture.width(), srcH = picture.height();
+
+    uint32_t srcFormat = parseFormat(o.get("source-format", "ARGB8888"));
+    if (!(gpu ? gpuReadsFrom : dipReadsFrom)(srcFormat)) {
+        usageError(
+            ("no %s source for " + std::string(engineName(engine)) +
+             ": capturectl writes its sources as " + formatList(gpu ? gpuReadsFrom : dipReadsFrom))
+                .c_str(),
+            formatName(srcFormat));
+    }
+    uint32_t dstFormat = parseFormat(o.get("format", "ARGB8888"));
+    if (gpu) gpuDestinationFormat(dstFormat);
+
+    Placement p{0, 0, srcW, srcH, 0};
+    if (o.has("crop")) {
+        std::string c = o.get("crop", "");
+        parseCrop(c, &p.cropX, &p.cropY, &p.cropW, &p.cropH);
+        if (p.cropW == 0 || p.cropH == 0 || p.cropX >= srcW || p.cropY >= srcH ||
+            p.cropW > srcW - p.cropX || p.cropH > srcH - p.cropY) {
+            usageError(("crop %s is not inside the " + std::to_string(srcW) + "x" +
+                        std::to_string(srcH) + " source")
+                           .c_str(),
+                       c);
+        }
+    }
+    if (o.has("rotate")) {
+        p.rotate = parseNumber(o.get("rotate", ""), "rotation");
+        if (p.rotate % 90 != 0 || p.rotate > 270) {
+            usageError("rotation %s is not 0, 90, 180 or 270", o.get("rotate", ""));
+        }
+    }
+    const bool turned = p.rotate % 180 != 0;
+    uint32_t dstW = turned ? p.cropH : p.cropW, dstH = turned ? p.cropW : p.cropH;
+    if (o.has("size")) parseSize(o.get("size", ""), &dstW, &dstH, "size");
+    std::string out = o.get("out", "convert.png");
+    std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
+
+    auto allocated = [](bool ok) {
+        if (ok) return;
+        fprintf(stderr, "capturectl: cannot allocate the frames\n");
+        throw Failure{kExitRefused};
+    };
+    auto written = [&](bool ok) {
+        if (ok) return;
+        fprintf(stderr, "capturectl: cannot write a %s source\n", formatName(srcFormat).c_str());
+        throw Failure{kExitRefused};
+    };
+    sp<ICapture> svc = service(o);
+    Instance inst(svc);
+    if (gpu) {
+        GraphicFrame src(srcFormat, srcW, srcH), dst(dstFormat, dstW, dstH);
+        allocated(src.valid() && dst.valid());
+        written(encodeFrame(srcFormat, picture, src.planes()));
+        dst.markUntouched();
+        convertInMemory(svc, inst.id(), engine, refOf(src), p, refOf(dst));
+        noteIfUntouched(&dst);
+        savePng(out, dstFormat, dst.planes(), dstW, dstH);
+    } else {
+        const PixelFormatInfo& sf = *capture_emulator::findCaptureFormat(srcFormat);
+        const PixelFormatInfo& df = hardwareFormat(dstFormat);
+        FrameLayout srcLayout = layoutOf(sf, srcW, srcH), dstLayout = layoutOf(df, dstW, dstH);
+        Buffer src(srcLayout.frameStride), dst(dstLayout.frameStride);
+        allocated(src.valid() && dst.valid());
+        written(encodeFrame(srcFormat, picture, planesOf(src.data(), srcLayout)));
+        convertInMemory(svc, inst.id(), engine,
+                        FrameRef{src.handle(), srcFormat, srcW, srcH, srcLayout.chromaOffset}, p,
+                        FrameRef{dst.handle(), dstFormat, dstW, dstH, dstLayout.chromaOffset});
+        savePng(out, df, dstLayout, dst.data(), dstW, dstH);
+    }
+    printf("wrote %s: %ux%u %s on %s, from %s (%ux%u %s), crop (%u,%u %ux%u), turned %u\n",
+           out.c_str(), dstW, dstH, formatName(dstFormat).c_str(), engineName(engine),
+           origin.c_str(), srcW, srcH, formatName(srcFormat).c_str(), p.cropX, p.cropY, p.cropW,
+           p.cropH, p.rotate);
+    if (dumps) dumps->report("");
     return kExitOk;
 }
 
@@ -676,6 +873,11 @@ const char kCaptureOptions[] =
     "                     ARGB2101010 ABGR2101010 RGB565 BGR888 NV16 NV61 NV12 NV21\n"
     "  --rotate DEG       0, 90, 180 or 270, clockwise\n"
     "  --engine N         DIP engine selector 1..3 (default 1)\n";
+
+const char kDumpDirOption[] =
+    "  --dump-dir DIR     raw dumps of the GPU path's input and output frames into DIR\n"
+    "                     (vendor.zor.capture_hal.dumpdata=1, CAPTURE_DUMP_DIR=DIR/), named\n"
+    "                     gpu_intput-NNNN[_sPITCH]_WxH_FORMAT.raw and gpu_output-...\n";
 
 int guardedRun(int (*fn)(const Options&), const Options& o) {
     try {
@@ -706,15 +908,21 @@ const std::vector<Command>& commands() {
          "would this conversion run on the DIP or the GPU, and why",
          std::string(kCaptureOptions) +
              "  --memory           the source is a frame in memory (default: live)\n"
-             "  --source-format F  format of a memory source (default NV12)\n",
+             "  --source-format F  format of a memory source (default NV12)\n"
+             "  --gpu              ask with the GPU path forced (vendor.zor.capture.forcegpu=1)\n",
          with({"source-format"}),
-         {"memory"},
+         {"memory", "gpu"},
          [](const Options& o) { return guardedRun(cmdQuery, o); }},
         {"once",
          "capture one frame into a PNG file",
-         std::string(kCaptureOptions) + "  --out FILE         PNG to write (default capture.png)\n",
-         with({"out"}),
-         {},
+         std::string(kCaptureOptions) +
+             "  --out FILE         PNG to write (default capture.png)\n"
+             "  --gpu              crop, scale, turn and convert on the GPU path: the DIP takes\n"
+             "                     the whole source as NV12, the service's GPU path (forced)\n"
+             "                     converts that frame in memory\n" +
+             kDumpDirOption,
+         with({"out", "dump-dir"}),
+         {"gpu"},
          [](const Options& o) { return guardedRun(cmdOnce, o); }},
         {"stream",
          "capture continuously, with live progress and a summary",
@@ -734,10 +942,33 @@ const std::vector<Command>& commands() {
          {},
          {"detail"},
          [](const Options& o) { return guardedRun(cmdDump, o); }},
+        {"convert",
+         "convert a picture in memory on the DIP or the GPU path, into a PNG file",
+         std::string(
+             "  --in FILE.png      the picture to convert (8-bit RGB or RGBA; any PNG libpng\n"
+             "                     reads)\n"
+             "  --pattern NAME     or a generated one: ") +
+             kPatternNames +
+             " (default bars)\n"
+             "  --source WxH       size of the pattern (default 1920x1080)\n"
+             "  --source-format F  format of the source frame (default ARGB8888)\n"
+             "  --crop X,Y,W,H     part of the source to convert (default all)\n"
+             "  --rotate DEG       0, 90, 180 or 270, clockwise\n"
+             "  --size WxH         destination size, after rotation (default the crop's)\n"
+             "  --format NAME      destination format (default ARGB8888)\n"
+             "  --engine E         dip: the emulated DIP engines (default); gpu: the GPU path,\n"
+             "                     forced with vendor.zor.capture.forcegpu=1\n"
+             "  --out FILE         PNG to write (default convert.png)\n" +
+             kDumpDirOption,
+         {"in", "pattern", "source", "source-format", "crop", "rotate", "size", "format", "engine",
+          "out", "dump-dir"},
+         {},
+         [](const Options& o) { return guardedRun(cmdConvert, o); }},
         {"demo",
-         "open, query, configure, one frame, a short stream, close; writes PNGs",
-         "  --out-dir DIR      where the PNG files go (default ./capturectl-demo)\n",
-         {"out-dir"},
+         "open, query, one frame, a short stream, a conversion on each engine; PNGs",
+         std::string("  --out-dir DIR      where the PNG files go (default ./capturectl-demo)\n") +
+             kDumpDirOption,
+         {"out-dir", "dump-dir"},
          {},
          [](const Options& o) { return guardedRun(cmdDemo, o); }},
     };

@@ -74,6 +74,18 @@ const char* returnName(CaptureReturn code) {
     return "UNKNOWN";
 }
 
+void usageError(const char* fmt, const std::string& value) {
+    fprintf(stderr, "capturectl: ");
+    fprintf(stderr, fmt, value.c_str());
+    fprintf(stderr, "\n");
+    throw Failure{kExitUsage};
+}
+
+void refused(const char* what, CaptureReturn code) {
+    fprintf(stderr, "capturectl: %s refused: %s\n", what, describe(code).c_str());
+    throw Failure{kExitRefused};
+}
+
 std::string describe(CaptureReturn code) {
     return std::string(returnName(code)) + " (" + std::to_string(static_cast<int32_t>(code)) + ")";
 }
@@ -171,6 +183,22 @@ std::vector<LogLine> takeLogLines() {
     std::vector<LogLine> lines;
     lines.swap(gLines);
     return lines;
+}
+
+void printReasons(const char* heading, FILE* out) {
+    bool first = true;
+    for (const LogLine& line : takeLogLines()) {
+        if (line.priority < 5 && line.tag != "CAPTURE_EMU") continue;
+        if (first) fprintf(out, "%s\n", heading);
+        first = false;
+        fprintf(out, "    %s: %s\n", line.tag.c_str(), line.text.c_str());
+    }
+}
+
+void refusedBecause(const char* what, CaptureReturn code) {
+    fprintf(stderr, "capturectl: %s refused: %s\n", what, describe(code).c_str());
+    printReasons("why:", stderr);
+    throw Failure{kExitRefused};
 }
 
 sp<ICapture> bringUp(bool verbose) {

@@ -4,6 +4,7 @@
 
 #include <cutils/native_handle.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <utils/StrongPointer.h>
 #include <vendor/quenlark/hardware/capture/1.0/ICapture.h>
 
@@ -23,6 +24,15 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;  // the service or the hardware said no
 constexpr int kExitUsage = 2;    // bad command line
 constexpr int kExitBringUp = 3;  // the service could not be brought up
+
+// Thrown by command code to end the command with an exit status; the message is printed.
+struct Failure {
+    int status;
+};
+// "capturectl: <fmt with value>" on stderr, then Failure{kExitUsage}.
+[[noreturn]] void usageError(const char* fmt, const std::string& value);
+// "capturectl: <what> refused: BUSY (8)" on stderr, then Failure{kExitRefused}.
+[[noreturn]] void refused(const char* what, CaptureReturn code);
 
 const char* returnName(CaptureReturn code);
 // "BUSY (8)"
@@ -59,6 +69,11 @@ struct LogLine {
 // Collects the process's log lines; echoes them to stderr when verbose.
 void startLogCapture(bool verbose);
 std::vector<LogLine> takeLogLines();
+// The refusals the service logged and everything the hardware said since the last call, under
+// `heading`, indented; nothing when there is none.
+void printReasons(const char* heading, FILE* out = stdout);
+// refused(), with the reasons after the message.
+[[noreturn]] void refusedBecause(const char* what, CaptureReturn code);
 
 // Points the service at the emulator (unless the environment already points it elsewhere),
 // registers the emulated PQ service, gets ICapture and runs initLib. Null with a message
