@@ -1,11 +1,9 @@
-// Keeps Mesa's driver loaded for the GPU path's tests.
+// Helpers of the GPU path's tests.
 #pragma once
 
 #include <EGL/egl.h>
 #include <android/log.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <link.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -14,27 +12,13 @@
 
 #include "LogCapture.h"
 #include "gpu_draw.h"
+#include "hostgl/HostGl.h"
 
 namespace gpu_test {
 
-// Mesa unloads its driver at every eglTerminate: LeakSanitizer then blames a module that is gone
-// for what it held, and each reload costs the heap a little. Keeping it loaded avoids both.
+// Mesa's driver stays loaded for the whole test process.
 inline void keepMesaDriverLoaded() {
-    static const bool done = []() {
-        EGLDisplay display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
-        if (eglInitialize(display, nullptr, nullptr) != EGL_TRUE) return false;
-        dl_iterate_phdr(
-            [](dl_phdr_info* info, size_t, void*) {
-                if (info->dlpi_name != nullptr && strstr(info->dlpi_name, "/dri/") != nullptr) {
-                    dlopen(info->dlpi_name, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
-                }
-                return 0;
-            },
-            nullptr);
-        eglTerminate(display);
-        return true;
-    }();
-    (void)done;
+    host_gl::keepDriverLoaded();
 }
 
 // While alive, the host graphics layer leaves images and shaders to Mesa alone, as on a platform

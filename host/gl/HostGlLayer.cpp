@@ -8,6 +8,7 @@
 #include <GLES2/gl2ext.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <log/log.h>
 #include <nativebase/nativebase.h>
 #include <stdlib.h>
@@ -338,6 +339,18 @@ void beforeDraw(Layer& l) {
     dropOwnErrors("draw");
 }
 
+// A client draw: its images brought up to date first, its time counted.
+template <typename Draw>
+void draw(Draw&& mesaDraw) {
+    Layer& l = layer();
+    std::lock_guard<std::recursive_mutex> guard(l.lock);
+    beforeDraw(l);
+    const uint64_t start = nowNs();
+    mesaDraw();
+    l.stats.draws++;
+    l.stats.drawNs += nowNs() - start;
+}
+
 void writeBackContext(Layer& l) {
     const EGLContext context = REAL(eglGetCurrentContext)();
     ContextState* state = currentState(l, false);
@@ -503,6 +516,24 @@ Stats stats() {
     return l.stats;
 }
 
+void keepDriverLoaded() {
+    static const bool done = []() {
+        EGLDisplay display = REAL(eglGetDisplay)(EGL_DEFAULT_DISPLAY);
+        if (REAL(eglInitialize)(display, nullptr, nullptr) != EGL_TRUE) return false;
+        dl_iterate_phdr(
+            [](dl_phdr_info* info, size_t, void*) {
+                if (info->dlpi_name != nullptr && strstr(info->dlpi_name, "/dri/") != nullptr) {
+                    dlopen(info->dlpi_name, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+                }
+                return 0;
+            },
+            nullptr);
+        REAL(eglTerminate)(display);
+        return true;
+    }();
+    (void)done;
+}
+
 void resetStats() {
     Layer& l = layer();
     std::lock_guard<std::recursive_mutex> guard(l.lock);
@@ -640,23 +671,11 @@ void glFramebufferTexture2D(GLenum target, GLenum attachment, GLenum textarget, 
 }
 
 void glDrawArrays(GLenum mode, GLint first, GLsizei count) {
-    host_gl::Layer& l = host_gl::layer();
-    std::lock_guard<std::recursive_mutex> guard(l.lock);
-    host_gl::beforeDraw(l);
-    const uint64_t start = host_gl::nowNs();
-    REAL(glDrawArrays)(mode, first, count);
-    l.stats.draws++;
-    l.stats.drawNs += host_gl::nowNs() - start;
+    host_gl::draw([&]() { REAL(glDrawArrays)(mode, first, count); });
 }
 
 void glDrawElements(GLenum mode, GLsizei count, GLenum type, const void* indices) {
-    host_gl::Layer& l = host_gl::layer();
-    std::lock_guard<std::recursive_mutex> guard(l.lock);
-    host_gl::beforeDraw(l);
-    const uint64_t start = host_gl::nowNs();
-    REAL(glDrawElements)(mode, count, type, indices);
-    l.stats.draws++;
-    l.stats.drawNs += host_gl::nowNs() - start;
+    host_gl::draw([&]() { REAL(glDrawElements)(mode, count, type, indices); });
 }
 
 void glClear(GLbitfield mask) {

@@ -1,10 +1,7 @@
 #include "Conversion.h"
 
-#include <EGL/egl.h>
 #include <android-base/properties.h>
 #include <dirent.h>
-#include <dlfcn.h>
-#include <link.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,6 +10,7 @@
 #include <unistd.h>
 
 #include "EnumMapping.h"
+#include "hostgl/HostGl.h"
 
 namespace capturectl {
 
@@ -37,27 +35,6 @@ constexpr size_t kDumpDirMax = 127 - 51;
 // CPU read and write often, GPU texture, GPU render target.
 constexpr uint32_t kFrameUsage = 0x33 | 0x100 | 0x200;
 constexpr uint8_t kUntouched = 0xA5;
-
-// The GPU path terminates its EGL display after every conversion, and Mesa then unloads its
-// driver: LeakSanitizer blames a module that is gone for what the driver kept, and every
-// conversion loads it again. Holding the driver for the process's life avoids both.
-void keepMesaDriverLoaded() {
-    static const bool done = []() {
-        EGLDisplay display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
-        if (eglInitialize(display, nullptr, nullptr) != EGL_TRUE) return false;
-        dl_iterate_phdr(
-            [](dl_phdr_info* info, size_t, void*) {
-                if (info->dlpi_name != nullptr && strstr(info->dlpi_name, "/dri/") != nullptr) {
-                    dlopen(info->dlpi_name, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
-                }
-                return 0;
-            },
-            nullptr);
-        eglTerminate(display);
-        return true;
-    }();
-    (void)done;
-}
 
 }  // namespace
 
@@ -123,7 +100,7 @@ const char* engineName(Engine engine) {
 
 void convertInMemory(const sp<ICapture>& svc, int32_t captureId, Engine engine, const FrameRef& src,
                      const Placement& placement, const FrameRef& dst) {
-    if (engine == Engine::kGpu) keepMesaDriverLoaded();
+    if (engine == Engine::kGpu) host_gl::keepDriverLoaded();
     takeLogLines();
     setQueryInfo q = {};
     q.src_width = src.width;

@@ -62,4 +62,9 @@ struct Stats {
 Stats stats();
 void resetStats();
 
+// Keeps Mesa's driver loaded until the process ends. Mesa unloads it at every eglTerminate, and
+// the GPU path terminates its display after every conversion: each conversion would load it
+// again, and LeakSanitizer would blame a module that is gone for what the driver kept.
+void keepDriverLoaded();
+
 }  // namespace host_gl
