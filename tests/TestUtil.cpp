@@ -1,6 +1,12 @@
 #include "TestUtil.h"
 
+#include "BandwidthInfo.h"
 #include "CaptureLog.h"
+#include "SubHal.h"
+#include "gpu_draw.h"
+
+#include <android-base/properties.h>
+#include <dlfcn.h>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,6 +15,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 
 namespace capture_test {
@@ -84,16 +91,69 @@ void DeviceTree::setRaw(const std::string& relPath, const std::string& bytes) {
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-void ServiceTest::SetUp() {
+void resetProcessState() {
     fake_subhal::reset();
+    if (void* library = Capture::mLibHandle.exchange(nullptr)) dlclose(library);
+    mInitCapture.store(nullptr);
+    mDeInitCapture.store(nullptr);
+    mOpenCapture.store(nullptr);
+    mCloseCapture.store(nullptr);
+    mSetCaptureInfo.store(nullptr);
+    mSetCaptureFrameInfo.store(nullptr);
+    mGetCaptureCapabilityInfo.store(nullptr);
+    mGetCaptureDipInfo.store(nullptr);
+    mCaptureOnce.store(nullptr);
+    mCaptureStart.store(nullptr);
+    mCaptureStop.store(nullptr);
+    mRegisterCallback.store(nullptr);
+    mUnRegisterCallback.store(nullptr);
+    mFrameProcessDone.store(nullptr);
+    mNotifyContinueCapture.store(nullptr);
+    mDumpInfo.store(nullptr);
+
+    {
+        std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
+        for (auto& row : mSrcFrameInfo) row = CaptureSrcFrameInfo{};
+        for (auto& row : mDstFrameInfo) row = CaptureDstFrameInfo{};
+    }
+    {
+        std::lock_guard<std::mutex> lock(mCallbackMutex);
+        for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {
+            Capture::setCallbackLocked(slot, nullptr);
+            Capture::mCallbackSequeceId[slot] = 0;
+            Capture::stCallbackInputParams[slot] = VX_CAPTURE_CallbackInputParams_s{};
+        }
+    }
+    for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {
+        mUseGpu[slot] = 0;
+        // The static image binds row 0 only.
+        mPqStreamInfo[slot].pqId = slot == 0 ? -1 : 0;
+        mPqStreamInfo[slot].reserved = slot == 0 ? -1 : 0;
+        mPqStreamInfo[slot].capturePoint = slot == 0 ? kCapturePointNone : 0;
+    }
+    for (auto& align : mGpuDstWidthAlign) align = 0;
+    for (auto& state : Capture::mPointsSupportState) state = 0;
+    Capture::mSystemDtsConfig = SystemDtsConfig{};
+    std::memset(static_cast<void*>(bw_info), 0, sizeof(bw_info));
+    std::memset(static_cast<void*>(bw_info_hw_set), 0, sizeof(bw_info_hw_set));
+
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 0u, __ATOMIC_RELAXED);
+    __atomic_store_n(&GPU_LOG_LEVEL, 32u, __ATOMIC_RELAXED);
+    android::base::SetProperty("vendor.zor.capture.forcegpu", "");
+    android::base::SetProperty("vendor.zor.capture_hal.dumpdata", "");
+    for (const char* name : {"CAPTURE_SUBHAL_PATH", "CAPTURE_DEVICE_TREE_ROOT", "CAPTURE_DUMP_DIR",
+                             "CAPTURE_HOST_GL"}) {
+        unsetenv(name);
+    }
+}
+
+void ServiceTest::SetUp() {
     __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
     service = new Capture();
 }
 
 void ServiceTest::TearDown() {
     service.clear();
-    fake_subhal::reset();
-    unsetenv("CAPTURE_SUBHAL_PATH");
 }
 
 void ServiceTest::loadLibrary(bool partial) {

@@ -64,4 +64,9 @@ protected:
 // Number of open descriptors of this process.
 int countOpenFds();
 
+// Puts the process back as it was loaded: the service's tables and entry pointers, the bandwidth
+// tables, both log levels, the two properties, the environment overrides and the sub-HAL double.
+// Runs before every test, so that a test depends on no other and the suite passes shuffled.
+void resetProcessState();
+
 }  // namespace capture_test
