@@ -48,8 +48,11 @@ TEST_F(CaptureOnceTest, SubHalCaptureConsumesTheConfiguration) {
         const int fds = countOpenFds();
         keepFrameRows();
         bindPq(pqId, CapturePoint::PQ_STREAM_OUT);
+        fake_subhal::reset();
         fake_subhal::setResultOnce(E::CaptureOnce, status);
         EXPECT_EQ(expected, service->captureOnce(id));
+        const Strings journal = {"pq.get 5/3", "CaptureOnce"};  // the figures come first
+        EXPECT_EQ(pqId >= 0 ? journal : Strings{"CaptureOnce"}, fake_subhal::journal());
         EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[5][3].u32WinTime);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_TRUE(frameRowsCleared());
@@ -129,11 +132,12 @@ TEST_F(ContinuousCaptureTest, StartRegistersWithTheSubHalAndThePqService) {
     pq->replies["register"] = FakePq::Reply::DeadObject;
     bindPq(3, CapturePoint::PQ_STREAM_PROCESSED);
     EXPECT_EQ(CaptureReturn::SUCCESS, service->startCapture(id, cb));
-    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::CaptureStart}), subHalEntries());
+    // Point index 2, event 4; the capture starts last.
+    EXPECT_EQ((Strings{"RegisterCallback", "pq.get 3/2", "pq.register 3/4", "CaptureStart"}),
+              fake_subhal::journal());
     EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureDone), fake_subhal::calls()[0].rec1);
     EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
     EXPECT_EQ(cb, installed());
-    EXPECT_EQ((Strings{"get 3/2", "register 3/4"}), pq->calls());  // point index 2, event 4
     EXPECT_EQ(1u, log.countExact("registerPqOnewayCallback: "
                                  "EN_PQ_CALLBACK_EVENT_CAPTUREPOINT_INFO_CHANGE Failed: 3"));
     EXPECT_EQ(3, mPqStreamInfo[slot].pqId);
@@ -142,34 +146,40 @@ TEST_F(ContinuousCaptureTest, StartRegistersWithTheSubHalAndThePqService) {
 // A failed start is rolled back only on a PQ stream, the PQ registration first; without one, the
 // client's stopCapture or close cleans up. Stream ids above 15 have figures but no PQ callbacks.
 TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
-    const Strings pqRollback = {"get 3/2", "register 3/4", "unregister 3/4"};
-    const std::vector<E> undone = {E::RegisterCallback, E::CaptureStart, E::UnRegisterCallback};
-    // Cases without a callback first: a callback kept by an earlier case would be rolled back.
-    const std::tuple<int32_t, E, bool, std::vector<E>, Strings> cases[] = {
-        {-1, E::CaptureStart, false, {E::CaptureStart}, {}},
-        {3, E::CaptureStart, false, {E::CaptureStart}, pqRollback},
-        {3, E::RegisterCallback, true, {E::RegisterCallback, E::UnRegisterCallback}, pqRollback},
-        {3, E::CaptureStart, true, undone, pqRollback},
-        {16, E::CaptureStart, true, undone, {"get 16/2"}},
-        {-1, E::RegisterCallback, true, {E::RegisterCallback}, {}},
-        {-1, E::CaptureStart, true, {E::RegisterCallback, E::CaptureStart}, {}},
+    const Strings pqUp = {"pq.get 3/2", "pq.register 3/4"};
+    const auto plus = [](Strings a, const Strings& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
     };
-    for (const auto& [pqId, failing, withCallback, entries, pqCalls] : cases) {
+    // Cases without a callback first: a callback kept by an earlier case would be rolled back.
+    const std::tuple<int32_t, E, bool, Strings> cases[] = {
+        {-1, E::CaptureStart, false, {"CaptureStart"}},
+        {3, E::CaptureStart, false, plus(pqUp, {"CaptureStart", "pq.unregister 3/4"})},
+        {3, E::RegisterCallback, true,
+         plus(plus({"RegisterCallback"}, pqUp), {"pq.unregister 3/4", "UnRegisterCallback"})},
+        {3, E::CaptureStart, true,
+         plus(plus({"RegisterCallback"}, pqUp),
+              {"CaptureStart", "pq.unregister 3/4", "UnRegisterCallback"})},
+        {16, E::CaptureStart, true,
+         {"RegisterCallback", "pq.get 16/2", "CaptureStart", "UnRegisterCallback"}},
+        {-1, E::RegisterCallback, true, {"RegisterCallback"}},
+        {-1, E::CaptureStart, true, {"RegisterCallback", "CaptureStart"}},
+    };
+    for (const auto& [pqId, failing, withCallback, journal] : cases) {
         SCOPED_TRACE(testing::Message() << pqId << " " << fake_subhal::entryName(failing));
         fake_subhal::reset();
-        pq->reset();
         bindPq(pqId);
         fake_subhal::setResultOnce(failing, 16);
         const sp<RecordingCallback> client = withCallback ? cb : nullptr;
         EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->startCapture(id, client));
-        EXPECT_EQ(entries, subHalEntries());
-        EXPECT_EQ(pqCalls, pq->calls());
+        EXPECT_EQ(journal, fake_subhal::journal());
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_EQ(pqId < 0 ? client : nullptr, installed());
     }
 }
 
-// The stop is always attempted, and an unregistration error wins over a stop error.
+// The registrations are undone, the client's first, before the stop, which is always attempted;
+// an unregistration error wins over a stop error.
 TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
     const std::tuple<bool, int32_t, uint32_t, uint32_t, CaptureReturn> cases[] = {
         {true, 5, 0, 0, CaptureReturn::SUCCESS},
@@ -182,13 +192,13 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
         bindPq(pqId);
         ASSERT_TRUE(!started || service->startCapture(id, cb) == CaptureReturn::SUCCESS);
         fake_subhal::reset();
-        pq->reset();
         fake_subhal::setResultOnce(E::UnRegisterCallback, unregister);
         fake_subhal::setResultOnce(E::CaptureStop, stop);
         EXPECT_EQ(expected, service->stopCapture(id));
-        const std::vector<E> both = {E::UnRegisterCallback, E::CaptureStop};
-        EXPECT_EQ(started ? both : std::vector<E>{E::CaptureStop}, subHalEntries());
-        EXPECT_EQ(pqId < 0 ? Strings{} : Strings{"unregister 5/4"}, pq->calls());
+        Strings journal = {"CaptureStop"};
+        if (pqId >= 0) journal.insert(journal.begin(), "pq.unregister 5/4");
+        if (started) journal.insert(journal.begin(), "UnRegisterCallback");
+        EXPECT_EQ(journal, fake_subhal::journal());
         EXPECT_EQ(nullptr, installed());
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
     }

@@ -60,6 +60,7 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
     for (const auto& [point, reply, pqId, activeWinNum, wins, cell, logged] : cases) {
         SCOPED_TRACE(testing::Message() << point << "/" << pqId << "/" << int(activeWinNum));
         log.clear();
+        fake_subhal::reset();
         pq->reset();
         pq->replies["get"] = reply;
         pq->info = capturePointInfo(900, activeWinNum, wins);

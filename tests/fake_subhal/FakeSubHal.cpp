@@ -11,6 +11,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -60,6 +61,7 @@ using ThreadList = std::vector<std::shared_ptr<OwnedThread>>;
 // Everything reset() forgets.
 struct Recorded {
     std::vector<Call> calls;
+    std::vector<std::string> journal;
     std::array<uint32_t, kEntryCount> results{};
     std::array<std::deque<uint32_t>, kEntryCount> onceResults;
     std::array<bool, kSlotCount> slotUsed{};
@@ -88,6 +90,7 @@ struct State : Recorded {
     // Picks the status: the next one-shot status, else the persistent one.
     uint32_t enterLocked(Call&& call) {
         const size_t e = static_cast<size_t>(call.entry);
+        journal.push_back(entryName(call.entry) + std::strlen("VX_CAPTURE_"));
         calls.push_back(std::move(call));
         if (onceResults[e].empty()) return results[e];
         const uint32_t status = onceResults[e].front();
@@ -229,6 +232,14 @@ void reset() {
 
 std::vector<Call> calls() {
     return locked([](State& s) { return s.calls; });
+}
+
+std::vector<std::string> journal() {
+    return locked([](State& s) { return s.journal; });
+}
+
+void note(const std::string& line) {
+    locked([&](State& s) { s.journal.push_back(line); });
 }
 
 std::vector<Call> callsOf(Entry e) {

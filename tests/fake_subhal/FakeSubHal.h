@@ -48,6 +48,11 @@ struct Call {
 void reset();
 
 std::vector<Call> calls();
+
+// One ordered record of the calls made to every double: a sub-HAL entry adds its name without the
+// "VX_CAPTURE_" prefix ("CaptureStart"); other doubles add their own lines through note().
+std::vector<std::string> journal();
+void note(const std::string& line);
 std::vector<Call> callsOf(Entry);
 size_t count(Entry);
 
