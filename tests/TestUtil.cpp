@@ -172,6 +172,25 @@ int32_t ServiceTest::openInstance() {
     return id;
 }
 
+void ServiceTest::expectRefusal(const std::string& line, const std::function<void()>& request) {
+    for (uint32_t level : {31u, 32u}) {
+        SCOPED_TRACE(::testing::Message() << "level " << level);
+        __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, level, __ATOMIC_RELAXED);
+        log.clear();
+        request();
+        std::vector<LogLine> found;
+        for (const LogLine& l : log.lines()) {
+            if (stripLogPrefix(l.message) == line) found.push_back(l);
+        }
+        ASSERT_EQ(level >= 32 ? 1u : 0u, found.size()) << line << "\n" << log.dump();
+        if (level >= 32) {
+            EXPECT_EQ(ANDROID_LOG_WARN, found[0].priority) << line;
+            EXPECT_EQ("CAPTURE_HIDL", found[0].tag) << line;
+        }
+    }
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
+}
+
 int countOpenFds() {
     int n = 0;
     DIR* dir = opendir("/proc/self/fd");

@@ -7,6 +7,7 @@
 #include <utils/StrongPointer.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,10 @@ protected:
     void loadLibrary(bool partial = false);
     // open() through the double; returns the identifier handed out.
     int32_t openInstance();
+    // Runs `request` at the refusal level and just below it: the refusal `line` (without its
+    // "[function][line] " prefix) is written once at 32, as a warning under "CAPTURE_HIDL", and
+    // not at 31. Leaves the level at 64 and the lines of the run at 32 in the capture.
+    void expectRefusal(const std::string& line, const std::function<void()>& request);
 
     ::android::sp<Capture> service;
     LogCapture log;
