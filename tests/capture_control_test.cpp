@@ -216,6 +216,7 @@ protected:
 };
 
 // Offsets only of the eight buffers the record holds; only the continuous entry reads the reply.
+// The client runs under mCallbackMutex, so that no installation or removal overtakes it.
 TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
     const std::tuple<uint32_t, uint32_t, CaptureReturn, uint32_t> frames[] = {
         {3, 16, CaptureReturn::FORMAT_NOT_SUPPORT, 0x40000},
@@ -224,6 +225,7 @@ TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
         {8, 2, CaptureReturn::FAIL, 0},
         {0xFFFFFFFF, 0, CaptureReturn::SUCCESS, 0}};
     cb->failTransport = true;
+    cb->probeLock = true;
     for (const auto& [index, errorNo, result, yOffset] : frames) {
         EXPECT_EQ(0, fake_subhal::fireCallback(id, doneInfo(index, errorNo)));
         const auto events = cb->events();
@@ -235,6 +237,7 @@ TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
         EXPECT_EQ(expected, events.back().params);
         EXPECT_EQ(CaptureEventNotify::FRAME_DONE, events.back().notify);
         EXPECT_EQ(fake_subhal::workerThreadId(), events.back().thread);
+        EXPECT_TRUE(events.back().callbackMutexHeld);
         EXPECT_NE(std::this_thread::get_id(), events.back().thread);
     }
     EXPECT_EQ(5u, cb->events().size());
