@@ -178,6 +178,7 @@ TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
         {[](auto& i) { i.dstFmt = Fmt::ARGB8888; }, false, 84, 2},
         {[](auto& i) { i.capPoint = Point(1); }, false, 0, 1},
         {[](auto& i) { i.capPoint = Point(2); }, false, 0, 2},
+        {[](auto& i) { i.capPoint = Point(8); }, false, 0, 8},
         {[](auto& i) { i.capPoint = Point(9); }, false, 0, 9},
     };
     for (const auto& c : cases) {
@@ -398,7 +399,8 @@ TEST_F(CapabilityTest, IdentifierAndAngleRefusals) {
 
 // The path table. Types: stream (0), memory to memory (1), another (2). DIP: able ('y'), refused
 // by its write list ('n') or by the property ('f'). DipInfo byte 0 in mode 0 (-1: left as passed
-// in). GPU formats known: both (2), source only (1), neither (0).
+// in; -2: the mode-0 call fails; -3: the capability answer fails). GPU formats known: both (2),
+// source only (1), neither (0).
 TEST_F(CapabilityTest, DecisionTable) {
     const struct {
         uint8_t type;
@@ -414,6 +416,8 @@ TEST_F(CapabilityTest, DecisionTable) {
         {1, 'y', -1, 2, R::SUCCESS, 0, 2, 0, " C D0 D1 C"},
         {1, 'y', 0, 2, R::SUCCESS, 1, 0, 1, " C D0"},
         {1, 'y', 0, 1, kBadFormat, 0, 0, 0, " C D0"},
+        {1, 'y', -2, 2, R::SUCCESS, 0, 2, 0, " C D0 D1 C"},
+        {1, 'y', -3, 2, R::TIMEOUT, 0, 0, 0, " C D0 D1 C"},
         {1, 'n', -1, 2, R::SUCCESS, 1, 0, 1, ""},
         {1, 'n', -1, 1, kBadFormat, 0, 0, 0, ""},
         {1, 'n', -1, 0, kBadFormat, 0, 0, 0, ""},
@@ -430,6 +434,11 @@ TEST_F(CapabilityTest, DecisionTable) {
         ASSERT_TRUE(
             android::base::SetProperty("vendor.zor.capture.forcegpu", c.dip == 'f' ? "1" : "0"));
         if (c.dipByte0 >= 0) fake_subhal::setDipInfo(0, {uint8_t(c.dipByte0), {}, 0});
+        if (c.dipByte0 == -2) fake_subhal::setResultOnce(Entry::GetDipInfo, 5);
+        if (c.dipByte0 == -3) {
+            fake_subhal::setResultOnce(Entry::GetCapabilityInfo, 0);
+            fake_subhal::setResultOnce(Entry::GetCapabilityInfo, 18);
+        }
         if (c.gpu < 2) q.dst_format = Fmt::ARGB2101010;
         if (c.gpu < 1) q.src_format = Fmt::RGBA8888;
         query();
@@ -500,10 +509,13 @@ enum Verdict { kDip, kTile, kTree, kLimits };
 
 class DipCheckTest : public CapabilityTest {
 protected:
-    // `line` is the refusal, or for a pass one that must not appear.
-    void expectVerdict(const std::string& line, Verdict dram, Verdict stream) {
+    // `line` is the refusal, or for a pass one that must not appear; a stream may be refused with
+    // a line of its own.
+    void expectVerdict(const std::string& dramLine, Verdict dram, Verdict stream,
+                       const std::string& streamLine = "") {
         for (uint8_t type : {1, 0}) {
             const Verdict v = type == 1 ? dram : stream;
+            const std::string& line = type == 1 || streamLine.empty() ? dramLine : streamLine;
             SCOPED_TRACE(line + (type == 1 ? " (memory to memory)" : " (stream)"));
             const bool dip = v == kDip || v == kTile;
             const auto run = [&] {
@@ -528,28 +540,85 @@ protected:
     }
 };
 
-// Streams skip the read list, the rotation and the source tile tests; scaling is judged against the
-// crop. A UHD tile copy into NV21 from memory goes to the DIP unasked (the limits would refuse it).
+// Each case changes the 1080p scenario. Streams skip the read list, the rotation and the source
+// tile tests; scaling is judged against the crop. A whole UHD tiled frame (or one cropped to its
+// full width) copied into NV21 from memory goes to the DIP unasked when the tiles are narrower
+// than UHD; the sub-HAL's limits would refuse it.
 TEST_F(DipCheckTest, DeviceTreeTests) {
-    dts.format_support_list_r = ~0x800u;
-    expectVerdict("src_format(0x800) is not support by dip!", kTree, kDip);
-    q.rotationAngle = 180;
-    dts.dip_HMirrorSz = 0;
-    expectVerdict("dip not support rotate 180!", kTree, kDip);
-    q.src_width = 3840;
-    dts.dip_dscl = dts.dip_uscl = 0;
-    expectVerdict("dip not support do downscale !", kDip, kDip);
-    q = {3840, 2160, Fmt::RZ21S, 3840, 2160, Fmt::NV21, 0, 0, 0, 0, 0, 1};
-    dts.TileWidthMax = 3839;
-    limits.dst_max_width = 1920;
-    expectVerdict("dst_width(3840) exceed dst_max_width(1920) and dst_max_width_rwsep(0) !!", kTile,
-                  kLimits);
-    q = {3840, 2160, Fmt::RZ21S, 3840, 2160, Fmt::NV12, 0, 0, 0, 0, 0, 1};
-    dts.TileWidthMax = 3839;
-    expectVerdict(
-        "src width exceed ! src_format(0x4000) mQueryInfo.src_width(3840) "
-        "TileWidthMax(3839)",
-        kTree, kDip);
+    const std::string crop = "dip not support crop !", down = "dip not support do downscale !",
+                      up = "dip not support do upscale !";
+    const std::string r180 = "crop width exceed for rotate 180! cropWidth(1920)";
+    const std::string limit = "dst_width(3840) exceed dst_max_width(1920) and dst_max_width_rwsep(0) !!";
+    const auto tile = [](const char* end, uint32_t width, uint32_t max) {
+        return std::string(end) + " width exceed ! " + end + "_format(0x4000) mQueryInfo." + end +
+               "_width(" + std::to_string(width) + ") TileWidthMax(" + std::to_string(max) + ")";
+    };
+    const std::string uhdTile = tile("src", 3840, 3839);
+    const auto uhd = [&] {
+        q = {3840, 2160, Fmt::RZ21S, 3840, 2160, Fmt::NV21, 0, 0, 0, 0, 0, 1};
+        dts.TileWidthMax = 3839;
+        limits.dst_max_width = 1920;
+    };
+    const struct {
+        std::function<void()> change;
+        std::string line;
+        Verdict dram, stream;
+        std::string streamLine = "";
+    } cases[] = {
+        {[&] { dts.format_support_list_r = ~0x800u; }, "src_format(0x800) is not support by dip!",
+         kTree, kDip},
+        {[&] { dts.format_support_list_w = ~0x1000u; }, "dst_format(0x1000) is not support by dip!",
+         kTree, kTree},
+        {[&] { q.rotationAngle = 270, dts.dip_rotate = 1; }, "dip not support rotate 270!", kTree,
+         kDip},
+        {[&] { q.rotationAngle = 270, dts.dip_rotate = 2; }, "dip not support rotate 270!", kDip,
+         kDip},
+        {[&] { q.rotationAngle = 90, dts.dip_rotate = 2; }, "dip not support rotate 90!", kTree,
+         kDip},
+        {[&] { q.rotationAngle = 90, dts.dip_rotate = 1; }, "dip not support rotate 90!", kDip, kDip},
+        {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 0; }, "dip not support rotate 180!", kTree,
+         kDip},
+        {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 1919; }, r180, kTree, kDip},
+        {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 1920; }, r180, kDip, kDip},
+        {[&] { dts.dip_crop = 0, q.crop_width = 1919; }, crop, kTree, kTree},
+        {[&] { dts.dip_crop = 0, q.crop_height = 1079; }, crop, kTree, kTree},
+        {[&] { dts.dip_crop = 0; }, crop, kDip, kDip},
+        {[&] { dts.dip_crop = 0, q.crop_width = 1921, q.crop_height = 1081; }, crop, kDip, kDip},
+        {[&] { dts.dip_dscl = 0, q.dst_width = 1919; }, down, kTree, kTree},
+        {[&] { dts.dip_dscl = 0, q.dst_height = 1079; }, down, kTree, kTree},
+        {[&] { dts.dip_dscl = 0, q.dst_width = 1921; }, down, kDip, kDip},
+        {[&] { dts.dip_dscl = 0, q.dst_height = 1081; }, down, kDip, kDip},
+        {[&] { dts.dip_uscl = 0, q.dst_width = 1921; }, up, kTree, kTree},
+        {[&] { dts.dip_uscl = 0, q.dst_height = 1081; }, up, kTree, kTree},
+        {[&] { dts.dip_uscl = 0, q.dst_width = 1919; }, up, kDip, kDip},
+        {[&] { dts.dip_uscl = 0, q.dst_height = 1079; }, up, kDip, kDip},
+        {[&] { q.src_width = 3840, dts.dip_dscl = dts.dip_uscl = 0; }, down, kDip, kDip},
+        {[&] { q.dst_format = Fmt::RZ21S, q.dst_width = 4097; }, tile("dst", 4097, 4096), kTree,
+         kTree},
+        {[&] { q.dst_format = Fmt::RZ21S, q.dst_width = 4096; }, tile("dst", 4096, 4096), kDip,
+         kDip},
+        {[&] { q.src_format = Fmt::RZ21S, q.src_width = 4097; }, tile("src", 4097, 4096), kTree,
+         kDip},
+        {[&] { q.src_format = Fmt::RZ21S, q.src_width = 4096; }, tile("src", 4096, 4096), kDip,
+         kDip},
+        {uhd, uhdTile, kTile, kLimits, limit},
+        {[&] { uhd(), q.crop_width = 3840, q.crop_height = 2160; }, uhdTile, kTile, kLimits, limit},
+        {[&] { uhd(), q.crop_width = 3840, q.crop_height = 2159; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.crop_height = 2160; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.dst_height = 2000; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.crop_x = 1; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.crop_y = 1; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.rotationAngle = 90; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.dst_format = Fmt::NV12; }, uhdTile, kTree, kLimits, limit},
+        {[&] { uhd(), q.src_width = 3839; }, limit, kLimits, kLimits},
+        {[&] { uhd(), dts.TileWidthMax = 3840; }, limit, kLimits, kLimits},
+        {[&] { uhd(), dts.TileWidthMax = 0; }, tile("src", 3840, 0), kTree, kLimits, limit},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "case " << &c - cases);
+        c.change();
+        expectVerdict(c.line, c.dram, c.stream, c.streamLine);
+    }
 }
 
 // Source limits apply to memory-to-memory requests only.
