@@ -65,7 +65,7 @@ protected:
     }
     void bindPq(int32_t pqId, CapturePoint point = CapturePoint::PQ_STREAM_PROCESSED) {
         mPqStreamInfo[slot].pqId = pqId;
-        mPqStreamInfo[slot].capturePoint = static_cast<uint32_t>(point);
+        mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     sp<ICaptureCallback> installed() {
         std::lock_guard<std::mutex> lock(mCallbackMutex);

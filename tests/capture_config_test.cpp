@@ -192,7 +192,7 @@ TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
         const fake_subhal::Call call = fake_subhal::callsOf(Entry::SetCaptureInfo).back();
         EXPECT_EQ(kId, call.captureId);
         expectBytes(expected, call.rec1);
-        const uint32_t point = static_cast<uint32_t>(info.capPoint);
+        const int32_t point = static_cast<int32_t>(info.capPoint);
         EXPECT_EQ(point >= 2 && point <= 8 ? 77 : -1, mPqStreamInfo[kSlot].pqId);
         EXPECT_EQ(point, mPqStreamInfo[kSlot].capturePoint);
     }
@@ -244,14 +244,14 @@ TEST_F(ConfigTest, FrameRecordsFollowRequest) {
         TestHandle dst(first ? 1 : 2);
         Src srcInfo = makeSrc(src.get());
         srcInfo.vPlaneOffset = first ? Offsets{0x100} : Offsets{0x100, 0x200, 0x300};
-        srcInfo.colorimetry = first ? 0x100000002ull : 3;  // truncated, 2 would be valid
+        srcInfo.colorimetry = first ? 0x100000002ull : 3;  // cut to its low word: 2
         Dst dstInfo = makeDst(dst.get());
         dstInfo.rotateAngle = first ? 270 : 0;
         dstInfo.vPlaneOffset = Offsets();  // not needed on the destination side
         EXPECT_EQ(std::make_pair(R::SUCCESS, Offsets{0x1000, 0x2000}), setFrame(srcInfo, dstInfo));
         const fake_subhal::Call call = fake_subhal::callsOf(Entry::SetCaptureFrameInfo).back();
         EXPECT_EQ(kId, call.captureId);
-        const uint32_t colorimetry = first ? 0 : 3;
+        const uint32_t colorimetry = first ? 2 : 3;
         expectBytes(expectedSrc(src.fd(0), first ? src.fd(1) : -1, colorimetry, first ? 0 : 0x200),
                     call.rec1);
         expectBytes(expectedDst(dst.fd(0), first ? -1 : dst.fd(1), dstInfo.rotateAngle), call.rec2);
@@ -259,7 +259,7 @@ TEST_F(ConfigTest, FrameRecordsFollowRequest) {
     // Nothing is kept in the service's tables; the stream binding is dropped, the point stays.
     EXPECT_EQ(0u, mSrcFrameInfo[kSlot].width);
     EXPECT_EQ(-1, mPqStreamInfo[kSlot].pqId);
-    EXPECT_EQ(777u, mPqStreamInfo[kSlot].capturePoint);
+    EXPECT_EQ(777, mPqStreamInfo[kSlot].capturePoint);
 }
 
 // Each refusal, for a sub-HAL instance and a GPU one alike: its code (two zero offsets for the

@@ -67,6 +67,7 @@ TEST_F(CaptureOnceTest, GpuInstanceWithUnsupportedFormatKeepsItsFlag) {
     bindPq(2);
     mUseGpu[slot] = 1;
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnce(id));
+    EXPECT_EQ(Strings{"captureOnce"}, functionsLogging(log, "GPU Not Support!!!"));
     EXPECT_EQ(1u, mUseGpu[slot]);
     EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
     EXPECT_TRUE(frameRowsCleared() && mPqStreamInfo[slot].pqId == 2);
@@ -92,6 +93,8 @@ TEST_F(CaptureOnceTest, FailedOrMissingRegistration) {
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, cb));
     ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::UnRegisterCallback}), subHalEntries());
     EXPECT_EQ(fake_subhal::calls()[0].rec1, fake_subhal::calls()[1].rec1);
+    // The failure, the registration and the unregistration, all under the operation's name.
+    EXPECT_EQ(Strings(3, "captureOnceWithCallback"), functionsLogging(log, "Register"));
     EXPECT_EQ(nullptr, installed());
     fake_subhal::reset();
     fake_subhal::setResultOnce(E::CaptureOnce, 16);
@@ -174,6 +177,8 @@ TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
         const sp<RecordingCallback> client = withCallback ? cb : nullptr;
         EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->startCapture(id, client));
         EXPECT_EQ(journal, fake_subhal::journal());
+        for (const auto& name : functionsLogging(log, "RegisterCallback"))
+            EXPECT_EQ("startCapture", name);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_EQ(pqId < 0 ? client : nullptr, installed());
     }

@@ -80,7 +80,7 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
                                                                {2, 300, CapturePoint::PQ_PANEL}};
     for (const auto& [slot, pqId, point] : bindings) {
         mPqStreamInfo[slot].pqId = pqId;
-        mPqStreamInfo[slot].capturePoint = static_cast<uint32_t>(point);
+        mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     PqPayload payload;
     payload.window(5, 0, 2, 100).window(5, 1, 4, 200).window(5, 2, 7, 333).window(5, 3, 44, 1);

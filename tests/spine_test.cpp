@@ -36,7 +36,7 @@ std::vector<void*> entryPointers() {
                   mFrameProcessDone, mNotifyContinueCapture, mDumpInfo);
 }
 
-bool pqRowIs(int row, int32_t pqId, int32_t reserved, uint32_t point) {
+bool pqRowIs(int row, int32_t pqId, int32_t reserved, int32_t point) {
     const PqStreamInfo& info = mPqStreamInfo[row];
     return info.pqId == pqId && info.reserved == reserved && info.capturePoint == point;
 }
@@ -337,18 +337,19 @@ TEST_F(SpineTest, DebugWritesTheBannerThenTheSubHalDump) {
     EXPECT_EQ((Strings{"mDumpInfo fail! ret=5.", "Call VX_CAPTURE_DumpInfo(), Ret: 5"}),
               strippedMessages(log));
 
-    // Handles without a usable descriptor are refused.
+    // Only handles without a descriptor are refused; a negative one is still passed on.
     native_handle_t* intsOnly = native_handle_create(0, 1);
     native_handle_t* negative = native_handle_create(1, 0);
     negative->data[0] = -1;
-    for (const native_handle_t* handle :
-         {static_cast<native_handle_t*>(nullptr), intsOnly, negative}) {
+    for (const native_handle_t* handle : {static_cast<native_handle_t*>(nullptr), intsOnly}) {
         log.clear();
         service->debug(hidl_handle(handle), {"-a"});
         EXPECT_EQ(Strings{"CAPTURE_HIDL/6 [debug] Invalid parameters passed to debug()"},
                   rendered(log));
     }
     EXPECT_EQ(5u, fake_subhal::count(Entry::DumpInfo));
+    service->debug(hidl_handle(negative), {});
+    EXPECT_EQ(-1, fake_subhal::callsOf(Entry::DumpInfo).back().fd);
     native_handle_delete(intsOnly);
     native_handle_delete(negative);
 }
