@@ -94,22 +94,11 @@ void DeviceTree::setRaw(const std::string& relPath, const std::string& bytes) {
 void resetProcessState() {
     fake_subhal::reset();
     if (void* library = Capture::mLibHandle.exchange(nullptr)) dlclose(library);
-    mInitCapture.store(nullptr);
-    mDeInitCapture.store(nullptr);
-    mOpenCapture.store(nullptr);
-    mCloseCapture.store(nullptr);
-    mSetCaptureInfo.store(nullptr);
-    mSetCaptureFrameInfo.store(nullptr);
-    mGetCaptureCapabilityInfo.store(nullptr);
-    mGetCaptureDipInfo.store(nullptr);
-    mCaptureOnce.store(nullptr);
-    mCaptureStart.store(nullptr);
-    mCaptureStop.store(nullptr);
-    mRegisterCallback.store(nullptr);
-    mUnRegisterCallback.store(nullptr);
-    mFrameProcessDone.store(nullptr);
-    mNotifyContinueCapture.store(nullptr);
-    mDumpInfo.store(nullptr);
+    [](auto&... entries) { (entries.store(nullptr), ...); }(
+        mInitCapture, mDeInitCapture, mOpenCapture, mCloseCapture, mSetCaptureInfo,
+        mSetCaptureFrameInfo, mGetCaptureCapabilityInfo, mGetCaptureDipInfo, mCaptureOnce,
+        mCaptureStart, mCaptureStop, mRegisterCallback, mUnRegisterCallback, mFrameProcessDone,
+        mNotifyContinueCapture, mDumpInfo);
 
     {
         std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);

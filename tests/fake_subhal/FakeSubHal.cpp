@@ -74,7 +74,7 @@ struct Recorded {
     std::map<int32_t, uint32_t> lumaSizes;  // of the last accepted SetCaptureInfo destination
     bool autoStream = false;
     unsigned streamPeriodUs = 1000;
-    std::map<int32_t, std::pair<uint64_t, uint64_t>> counters;  // frames fired, delivered
+    std::map<int32_t, uint64_t> framesFired;
 };
 
 struct State : Recorded {
@@ -178,13 +178,12 @@ struct State : Recorded {
                 info.stBuf[k].C_offSet = info.stBuf[k].Y_offSet + info.Y_Size;
             }
             index = (index + 1) % kBufferCount;
-            ++counters[id].first;
+            ++framesFired[id];
             // Not held across the call: the service takes its own mutex inside, and a binder
             // thread holding that one may be calling into one of our entries.
             lock.unlock();
-            const int ret = fn(id, 0, &info, &sequence);
+            fn(id, 0, &info, &sequence);
             lock.lock();
-            if (ret == 0) ++counters[id].second;
         }
     }
 };
@@ -290,22 +289,15 @@ uint32_t registrationSequence(int32_t id) {
 }
 
 int fireCallback(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info) {
-    return fireCallbackWithSequence(id, info, registrationSequence(id));
-}
-
-int fireCallbackWithSequence(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info, uint32_t seq) {
-    const VX_CAPTURE_Callback fn = locked([id](State& s) {
+    const std::pair<VX_CAPTURE_Callback, uint32_t> reg = locked([id](State& s) {
         auto it = s.registrations.find(id);
-        return it == s.registrations.end() ? nullptr : it->second.first;
+        return it == s.registrations.end() ? std::make_pair(VX_CAPTURE_Callback(nullptr), 0u)
+                                           : it->second;
     });
-    return fireRaw(fn, id, info, seq);
-}
-
-int fireRaw(VX_CAPTURE_Callback fn, int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info,
-            uint32_t seq) {
+    const VX_CAPTURE_Callback fn = reg.first;
     if (fn == nullptr) return -1;
     return state().runOnWorker(
-        [fn, id, frame = info, seq]() mutable { return fn(id, 0, &frame, &seq); });
+        [fn, id, frame = info, seq = reg.second]() mutable { return fn(id, 0, &frame, &seq); });
 }
 
 std::thread::id workerThreadId() {
@@ -324,15 +316,7 @@ void setAutoStream(bool enabled, unsigned periodUs) {
 }
 
 uint64_t framesFired(int32_t id) {
-    return locked([id](State& s) { return s.counters[id].first; });
-}
-
-uint64_t framesDelivered(int32_t id) {
-    return locked([id](State& s) { return s.counters[id].second; });
-}
-
-bool isStreaming(int32_t id) {
-    return locked([id](State& s) { return s.streams.count(id) != 0; });
+    return locked([id](State& s) { return s.framesFired[id]; });
 }
 
 }  // namespace fake_subhal

@@ -71,9 +71,6 @@ uint32_t registrationSequence(int32_t id);
 // Calls the id's registered entry as pfnCallback(id, 0, &info, &sequence) on the double's worker
 // thread (inline when already on it) and returns its result; -1 without a registered entry.
 int fireCallback(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info);
-int fireCallbackWithSequence(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info, uint32_t seq);
-int fireRaw(VX_CAPTURE_Callback fn, int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info,
-            uint32_t seq);
 std::thread::id workerThreadId();
 
 // When enabled, a successful CaptureStart(id) starts a thread that fires the id's registration of
@@ -81,8 +78,6 @@ std::thread::id workerThreadId();
 // SetCaptureInfo destination (1920x1080 by default). Only CaptureStop (whatever its status)
 // stops it, joining it before returning, so a service that forgets it shows in the counters.
 void setAutoStream(bool enabled, unsigned periodUs);
-uint64_t framesFired(int32_t id);      // totals until reset()
-uint64_t framesDelivered(int32_t id);  // ... of which the entry returned 0
-bool isStreaming(int32_t id);
+uint64_t framesFired(int32_t id);  // total until reset()
 
 }  // namespace fake_subhal
