@@ -400,7 +400,7 @@ TEST_F(CapabilityTest, IdentifierAndAngleRefusals) {
 // The path table. Types: stream (0), memory to memory (1), another (2). DIP: able ('y'), refused
 // by its write list ('n') or by the property ('f'). DipInfo byte 0 in mode 0 (-1: left as passed
 // in; -2: the mode-0 call fails; -3: the capability answer fails). GPU formats known: both (2),
-// source only (1), neither (0).
+// source only (1), destination only (3), neither (0).
 TEST_F(CapabilityTest, DecisionTable) {
     const struct {
         uint8_t type;
@@ -421,6 +421,7 @@ TEST_F(CapabilityTest, DecisionTable) {
         {1, 'n', -1, 2, R::SUCCESS, 1, 0, 1, ""},
         {1, 'n', -1, 1, kBadFormat, 0, 0, 0, ""},
         {1, 'n', -1, 0, kBadFormat, 0, 0, 0, ""},
+        {1, 'n', -1, 3, kBadFormat, 0, 0, 0, ""},
         {1, 'f', -1, 2, R::SUCCESS, 1, 0, 1, ""},
         {2, 'y', 0, 2, R::SUCCESS, 0, 2, 0, " C D1 C"},
         {2, 'n', -1, 2, R::SUCCESS, 1, 0, 1, ""},
@@ -440,17 +441,18 @@ TEST_F(CapabilityTest, DecisionTable) {
             fake_subhal::setResultOnce(Entry::GetCapabilityInfo, 18);
         }
         if (c.gpu < 2) q.dst_format = Fmt::ARGB2101010;
-        if (c.gpu < 1) q.src_format = Fmt::RGBA8888;
+        if (c.gpu == 0 || c.gpu == 3) q.src_format = Fmt::RGBA8888;
         query();
         EXPECT_EQ(c.code, code);
         EXPECT_EQ(c.useGpu, info.useGpu);
         EXPECT_EQ(c.engine, info.engine);
         EXPECT_EQ(c.row, mUseGpu[kSlot]);
         EXPECT_EQ(c.steps, steps());
-        EXPECT_EQ(c.useGpu ? 110u : 0u, info.dstWidthAlign);
+        EXPECT_EQ(c.useGpu || c.gpu == 3 ? 110u : 0u, info.dstWidthAlign);  // NV21 has one
         const bool refused = c.code == kBadFormat;
-        EXPECT_EQ(refused, log.contains("dst_format(0x40) is not support by gpu!"));
-        EXPECT_EQ(refused && c.gpu == 0, log.contains("src_format(0x10) is not support by gpu!"));
+        EXPECT_EQ(refused && c.gpu < 2, log.contains("dst_format(0x40) is not support by gpu!"));
+        EXPECT_EQ(refused && c.gpu % 3 == 0,
+                  log.contains("src_format(0x10) is not support by gpu!"));
     }
 }
 
@@ -639,6 +641,14 @@ TEST_F(DipCheckTest, SubHalWidthLimits) {
     expectVerdict("src_width(1000) not align(16) !!", kLimits, kDip);
     q.src_width = q.crop_width = q.dst_width = 1000;
     expectVerdict("src_width(1000) not align(0) !!", kDip, kDip);
+    limits.dst_max_width = 1000;
+    limits.dst_max_width_rwsep = 1920;
+    expectVerdict("dst_width(1920) exceed dst_max_width(1000) and dst_max_width_rwsep(1920) !!",
+                  kDip, kDip);
+    limits.dst_max_width = 1000;
+    limits.dst_max_width_rwsep = 1919;
+    expectVerdict("dst_width(1920) exceed dst_max_width(1000) and dst_max_width_rwsep(1919) !!",
+                  kLimits, kLimits);
     limits.dst_min_width = 1920;
     expectVerdict("dst_width(1920) smaller than dst_min_width(1920) !!", kDip, kDip);
     limits.dst_min_width = 1921;
