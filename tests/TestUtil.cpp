@@ -8,14 +8,13 @@
 #include <android-base/properties.h>
 #include <dlfcn.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 namespace capture_test {
@@ -39,31 +38,6 @@ TestHandle::~TestHandle() {
     native_handle_delete(mHandle);
 }
 
-namespace {
-
-void makeParents(const std::string& path) {
-    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
-        mkdir(path.substr(0, pos).c_str(), 0755);
-    }
-}
-
-void removeTree(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) {
-        unlink(path.c_str());
-        return;
-    }
-    while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name == "." || name == "..") continue;
-        removeTree(path + "/" + name);
-    }
-    closedir(dir);
-    rmdir(path.c_str());
-}
-
-}  // namespace
-
 DeviceTree::DeviceTree() {
     char pattern[] = "/tmp/capture-dt-XXXXXX";
     const char* dir = mkdtemp(pattern);
@@ -73,7 +47,8 @@ DeviceTree::DeviceTree() {
 
 DeviceTree::~DeviceTree() {
     unsetenv("CAPTURE_DEVICE_TREE_ROOT");
-    removeTree(mRoot.substr(0, mRoot.size() - 1));
+    std::error_code ignored;
+    std::filesystem::remove_all(mRoot, ignored);
 }
 
 void DeviceTree::setCell(const std::string& relPath, uint32_t value, int bytes) {
@@ -86,7 +61,8 @@ void DeviceTree::setCell(const std::string& relPath, uint32_t value, int bytes) 
 
 void DeviceTree::setRaw(const std::string& relPath, const std::string& bytes) {
     std::string path = mRoot + relPath;
-    makeParents(path);
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
@@ -181,14 +157,8 @@ void ServiceTest::expectRefusal(const std::string& line, const std::function<voi
 }
 
 int countOpenFds() {
-    int n = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') ++n;
-    }
-    closedir(dir);
-    return n - 1;  // the directory's own descriptor
+    const auto fds = std::filesystem::directory_iterator("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(fds), end(fds))) - 1;  // the iterator's own
 }
 
 }  // namespace capture_test
