@@ -71,11 +71,6 @@ protected:
         std::lock_guard<std::mutex> lock(mCallbackMutex);
         return Capture::hasCallback(slot) ? Capture::mCallback[slot] : nullptr;
     }
-    static std::vector<fake_subhal::Entry> subHalEntries() {
-        std::vector<fake_subhal::Entry> out;
-        for (const auto& call : fake_subhal::calls()) out.push_back(call.entry);
-        return out;
-    }
     // The registration record the sub-HAL must receive, byte for byte.
     std::vector<uint8_t> registrationRecord(VX_CAPTURE_Callback entry) {
         VX_CAPTURE_CallbackInputParams_s params;
