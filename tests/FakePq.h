@@ -6,13 +6,13 @@
 #include <utils/Errors.h>
 #include <vendor/quenlark/hardware/pq/1.0/IPq.h>
 
-#include "FakeSubHal.h"
-
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "FakeSubHal.h"
 
 namespace capture_test {
 

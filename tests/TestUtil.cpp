@@ -1,13 +1,7 @@
 #include "TestUtil.h"
 
-#include "BandwidthInfo.h"
-#include "CaptureLog.h"
-#include "SubHal.h"
-#include "gpu_draw.h"
-
 #include <android-base/properties.h>
 #include <dlfcn.h>
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -16,6 +10,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+
+#include "BandwidthInfo.h"
+#include "CaptureLog.h"
+#include "SubHal.h"
+#include "gpu_draw.h"
 
 namespace capture_test {
 

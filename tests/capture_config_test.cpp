@@ -550,7 +550,8 @@ TEST_F(DipCheckTest, DeviceTreeTests) {
     const std::string crop = "dip not support crop !", down = "dip not support do downscale !",
                       up = "dip not support do upscale !";
     const std::string r180 = "crop width exceed for rotate 180! cropWidth(1920)";
-    const std::string limit = "dst_width(3840) exceed dst_max_width(1920) and dst_max_width_rwsep(0) !!";
+    const std::string limit =
+        "dst_width(3840) exceed dst_max_width(1920) and dst_max_width_rwsep(0) !!";
     const auto tile = [](const char* end, uint32_t width, uint32_t max) {
         return std::string(end) + " width exceed ! " + end + "_format(0x4000) mQueryInfo." + end +
                "_width(" + std::to_string(width) + ") TileWidthMax(" + std::to_string(max) + ")";
@@ -577,9 +578,10 @@ TEST_F(DipCheckTest, DeviceTreeTests) {
          kDip},
         {[&] { q.rotationAngle = 90, dts.dip_rotate = 2; }, "dip not support rotate 90!", kTree,
          kDip},
-        {[&] { q.rotationAngle = 90, dts.dip_rotate = 1; }, "dip not support rotate 90!", kDip, kDip},
-        {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 0; }, "dip not support rotate 180!", kTree,
+        {[&] { q.rotationAngle = 90, dts.dip_rotate = 1; }, "dip not support rotate 90!", kDip,
          kDip},
+        {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 0; }, "dip not support rotate 180!",
+         kTree, kDip},
         {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 1919; }, r180, kTree, kDip},
         {[&] { q.rotationAngle = 180, dts.dip_HMirrorSz = 1920; }, r180, kDip, kDip},
         {[&] { dts.dip_crop = 0, q.crop_width = 1919; }, crop, kTree, kTree},

@@ -11,8 +11,8 @@
 
 #include <array>
 #include <chrono>
-#include <cstring>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <future>

@@ -29,13 +29,12 @@ extern uint32_t CAPTURE_HAL_LOG_LEVEL;
 // sub-HAL threads log.
 #define CAPTURE_LOG_LEVEL() __atomic_load_n(&CAPTURE_HAL_LOG_LEVEL, __ATOMIC_RELAXED)
 
-#define CAPTURE_LOG_AT(threshold, prio, fmt, ...)                                              \
-    do {                                                                                       \
-        if (CAPTURE_LOG_LEVEL() >= (threshold)) {                                              \
+#define CAPTURE_LOG_AT(threshold, prio, fmt, ...)                                               \
+    do {                                                                                        \
+        if (CAPTURE_LOG_LEVEL() >= (threshold)) {                                               \
             __android_log_print((prio), CAPTURE_LOG_TAG, "[%s][%d] " fmt, CAPTURE_LOG_FUNCTION, \
-                                __LINE__,                                                      \
-                                ##__VA_ARGS__);                                                \
-        }                                                                                      \
+                                __LINE__, ##__VA_ARGS__);                                       \
+        }                                                                                       \
     } while (0)
 
 // Entry, call and value traces (priority 4 at level 64).
@@ -52,7 +51,7 @@ extern uint32_t CAPTURE_HAL_LOG_LEVEL;
     CAPTURE_LOG_AT(CAPTURE_LEVEL_WARN, ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
 
 // Sub-HAL call failures are always written, whatever the level (priority 5).
-#define CAPTURE_LOGW_ALWAYS(fmt, ...)                                                        \
+#define CAPTURE_LOGW_ALWAYS(fmt, ...)                                                             \
     __android_log_print(ANDROID_LOG_WARN, CAPTURE_LOG_TAG, "[%s][%d] " fmt, CAPTURE_LOG_FUNCTION, \
                         __LINE__, ##__VA_ARGS__)
 
