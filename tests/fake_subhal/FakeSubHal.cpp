@@ -33,9 +33,6 @@ constexpr uint32_t kStatusBadPointer = 10;
 constexpr uint32_t kMaxFrameSide = 8192;
 constexpr uint32_t kBufferCount = 8;
 
-// A fire request from a callback the worker runs cannot wait for the worker: it runs inline.
-thread_local bool tOnWorker = false;
-
 template <typename T>
 std::vector<uint8_t> bytesOf(const T* p, size_t size = sizeof(T)) {
     const auto* b = reinterpret_cast<const uint8_t*>(p);
@@ -79,11 +76,9 @@ struct Recorded {
 
 struct State : Recorded {
     std::mutex mu;
-    std::condition_variable cv;  // a thread was told to stop, or the worker was given a task
+    std::condition_variable cv;  // a thread was told to stop
     bool shuttingDown = false;
     std::map<int32_t, std::shared_ptr<OwnedThread>> streams;
-    std::shared_ptr<OwnedThread> worker;
-    std::deque<std::packaged_task<int()>> tasks;
 
     ~State() { stopThreads(true); }
 
@@ -104,7 +99,6 @@ struct State : Recorded {
         ThreadList threads;
         for (auto& entry : streams) threads.push_back(std::move(entry.second));
         streams.clear();
-        if (worker) threads.push_back(std::move(worker));
         for (auto& t : threads) t->stop = true;
         cv.notify_all();
         lock.unlock();
@@ -120,37 +114,6 @@ struct State : Recorded {
                 t->thread.join();
             }
         }
-    }
-
-    void startWorkerLocked() {
-        if (worker) return;
-        worker = std::make_shared<OwnedThread>();
-        worker->thread = std::thread([this, self = worker] {
-            tOnWorker = true;
-            std::unique_lock<std::mutex> lock(mu);
-            for (;;) {
-                cv.wait(lock, [&] { return self->stop || !tasks.empty(); });
-                // Pending requests are served even when stopping: their callers are waiting.
-                if (tasks.empty()) return;
-                std::packaged_task<int()> task = std::move(tasks.front());
-                tasks.pop_front();
-                lock.unlock();
-                task();
-                lock.lock();
-            }
-        });
-    }
-
-    int runOnWorker(std::function<int()> fn) {
-        if (tOnWorker) return fn();
-        std::unique_lock<std::mutex> lock(mu);
-        if (shuttingDown) return -1;
-        startWorkerLocked();
-        tasks.emplace_back(std::move(fn));
-        std::future<int> result = tasks.back().get_future();
-        cv.notify_all();
-        lock.unlock();
-        return result.get();
     }
 
     void startStreamLocked(int32_t id) {
@@ -296,16 +259,12 @@ int fireCallback(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info) {
     });
     const VX_CAPTURE_Callback fn = reg.first;
     if (fn == nullptr) return -1;
-    return state().runOnWorker(
-        [fn, id, frame = info, seq = reg.second]() mutable { return fn(id, 0, &frame, &seq); });
-}
-
-std::thread::id workerThreadId() {
-    return locked([](State& s) {
-        if (s.shuttingDown) return std::thread::id();
-        s.startWorkerLocked();
-        return s.worker->thread.get_id();
-    });
+    // From a thread of the double's own, as the vendor library calls back.
+    return std::async(std::launch::async,
+                      [fn, id, frame = info, seq = reg.second]() mutable {
+                          return fn(id, 0, &frame, &seq);
+                      })
+        .get();
 }
 
 void setAutoStream(bool enabled, unsigned periodUs) {

@@ -68,10 +68,9 @@ void setDumpText(const std::string&);                         // written by Dump
 // The value read through pu32SequenceId by the id's RegisterCallback; 0 when unregistered.
 uint32_t registrationSequence(int32_t id);
 
-// Calls the id's registered entry as pfnCallback(id, 0, &info, &sequence) on the double's worker
-// thread (inline when already on it) and returns its result; -1 without a registered entry.
+// Calls the id's registered entry as pfnCallback(id, 0, &info, &sequence) on a thread of its own
+// and returns its result; -1 without a registered entry.
 int fireCallback(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info);
-std::thread::id workerThreadId();
 
 // When enabled, a successful CaptureStart(id) starts a thread that fires the id's registration of
 // the moment every periodUs, buffer index cycling 0..7, NV12 sizes from the id's last accepted
