@@ -158,7 +158,10 @@ TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
     // Cases without a callback first: a callback kept by an earlier case would be rolled back.
     const std::tuple<int32_t, E, bool, Strings> cases[] = {
         {-1, E::CaptureStart, false, {"CaptureStart"}},
-        {3, E::CaptureStart, false, plus(pqUp, {"CaptureStart", "pq.unregister 3/4"})},
+        {0,
+         E::CaptureStart,
+         false,
+         {"pq.get 0/2", "pq.register 0/4", "CaptureStart", "pq.unregister 0/4"}},
         {3, E::RegisterCallback, true,
          plus(plus({"RegisterCallback"}, pqUp), {"pq.unregister 3/4", "UnRegisterCallback"})},
         {3, E::CaptureStart, true,
@@ -190,7 +193,7 @@ TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
 // an unregistration error wins over a stop error.
 TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
     const std::tuple<bool, int32_t, uint32_t, uint32_t, CaptureReturn> cases[] = {
-        {true, 5, 0, 0, CaptureReturn::SUCCESS},
+        {true, 0, 0, 0, CaptureReturn::SUCCESS},
         {true, -1, 16, 7, CaptureReturn::FORMAT_NOT_SUPPORT},
         {true, -1, 0, 7, CaptureReturn::INVALID_CAPTURE_ID},
         {false, -1, 0, 16, CaptureReturn::FORMAT_NOT_SUPPORT},
@@ -204,7 +207,7 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
         fake_subhal::setResultOnce(E::CaptureStop, stop);
         EXPECT_EQ(expected, service->stopCapture(id));
         Strings journal = {"CaptureStop"};
-        if (pqId >= 0) journal.insert(journal.begin(), "pq.unregister 5/4");
+        if (pqId >= 0) journal.insert(journal.begin(), "pq.unregister 0/4");
         if (started) journal.insert(journal.begin(), "UnRegisterCallback");
         EXPECT_EQ(journal, fake_subhal::journal());
         EXPECT_EQ(nullptr, installed());

@@ -83,7 +83,8 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
         mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     PqPayload payload;
-    payload.window(5, 0, 2, 100).window(5, 1, 4, 200).window(5, 2, 7, 333).window(5, 3, 44, 1);
+    payload.window(5, 0, 2, 100).window(5, 1, 4, 200).window(5, 2, 7, 0x4030201);
+    payload.window(5, 3, 44, 1);
     payload.info(3, 1, 1, 0).window(3, 0, 7, 1);
     const auto sizeError = [](int size) {
         return "pq info error, u32DataSize(" + std::to_string(size) +
@@ -95,8 +96,8 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
     const std::tuple<int32_t, uint32_t, size_t, uint8_t, EN_PQ_CALLBACK_EVENT_TYPE, std::string,
                      uint32_t>
         cases[] = {
-            {7, 1456, 1456, 3, kInfo, "PQId[7] found = true, captureId_i(5)", 333},
-            {7, 1000, 1456, 3, kInfo, sizeError(1000), 333},  // the declared size only logs
+            {7, 1456, 1456, 3, kInfo, "PQId[7] found = true, captureId_i(5)", 0x4030201},
+            {7, 1000, 1456, 3, kInfo, sizeError(1000), 0x4030201},  // the declared size only logs
             {7, 1456, 1455, 3, kInfo, sizeError(1455), 0},
             {7, 1456, 0, 3, kInfo, sizeError(0), 0},
             {8, 1456, 1456, 3, kInfo, "PQId[8] found = false, break", 0},
