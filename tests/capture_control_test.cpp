@@ -41,9 +41,9 @@ protected:
 TEST_F(CaptureOnceTest, SubHalCaptureConsumesTheConfiguration) {
     const std::tuple<uint32_t, int32_t, CaptureReturn> cases[] = {
         {70, -1, CaptureReturn::FAIL},
-        {0, 5, CaptureReturn::SUCCESS},
+        {0, 0, CaptureReturn::SUCCESS},
         {16, 5, CaptureReturn::FORMAT_NOT_SUPPORT}};
-    pq->info = capturePointInfo(7777, 2, {{9, 11}, {5, 4321}});
+    pq->info = capturePointInfo(7777, 3, {{9, 11}, {5, 4321}, {0, 4321}});
     for (const auto& [status, pqId, expected] : cases) {
         SCOPED_TRACE(status);
         const int fds = countOpenFds();
@@ -52,9 +52,10 @@ TEST_F(CaptureOnceTest, SubHalCaptureConsumesTheConfiguration) {
         fake_subhal::reset();
         fake_subhal::setResultOnce(E::CaptureOnce, status);
         EXPECT_EQ(expected, service->captureOnce(id));
-        const Strings journal = {"pq.get 5/3", "CaptureOnce"};  // the figures come first
+        // The figures come first.
+        const Strings journal = {"pq.get " + std::to_string(pqId) + "/3", "CaptureOnce"};
         EXPECT_EQ(pqId >= 0 ? journal : Strings{"CaptureOnce"}, fake_subhal::journal());
-        EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[5][3].u32WinTime);
+        EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[std::max(pqId, 0)][3].u32WinTime);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_TRUE(frameRowsCleared());
         EXPECT_EQ(fds, countOpenFds());  // the kept handle clones are closed

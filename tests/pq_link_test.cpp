@@ -47,6 +47,7 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
     using R = FakePq::Reply;
     const std::tuple<uint32_t, R, int32_t, uint8_t, Windows, Cell, const char*> cases[] = {
         {8, R::Ok, 7, 3, {{1, 10}, {7, 700}, {7, 999}}, {7, 700, 900, 1}, "win_i(1)"},
+        {2, R::Ok, 7, 3, {{1, 10}, {7, 700}, {7, 999}}, {7, 700, 900, 1}, "win_i(1)"},
         {8, R::Ok, 7, 2, {{1, 10}, {2, 20}}, {7, 0, 900, 1}, "win_i(2)"},
         {8, R::Ok, 1, 20, twenty, {1, 10, 900, 1}, "win_i(0)"},
         {8, R::Ok, 9, 20, twenty, {}, "get activeWinNum fail"},
@@ -65,10 +66,11 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
         pq->replies["get"] = reply;
         pq->info = capturePointInfo(900, activeWinNum, wins);
         GetPqInfo(static_cast<CapturePoint>(point), pqId);
-        EXPECT_EQ(cell, takeOnlyCell(pqId, 6));
+        EXPECT_EQ(cell, takeOnlyCell(pqId, point - 2));
         EXPECT_EQ(1u, log.count(logged)) << log.dump();
-        const std::vector<std::string> query = {"get " + std::to_string(pqId) + "/6"};
-        EXPECT_EQ(point == 8 ? query : std::vector<std::string>{}, pq->calls());
+        const std::vector<std::string> query = {"get " + std::to_string(pqId) + "/" +
+                                                std::to_string(point - 2)};
+        EXPECT_EQ(point >= 2 && point <= 8 ? query : std::vector<std::string>{}, pq->calls());
     }
 }
 
