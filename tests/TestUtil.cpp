@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
 #include "BandwidthInfo.h"
 #include "CaptureLog.h"
@@ -88,12 +89,14 @@ void resetProcessState() {
             Capture::stCallbackInputParams[slot] = VX_CAPTURE_CallbackInputParams_s{};
         }
     }
+    // The static image as the process was loaded, taken before the first test changes anything.
+    static const std::vector<PqStreamInfo> loadedPq(std::begin(mPqStreamInfo),
+                                                    std::end(mPqStreamInfo));
+    static const uint32_t loadedHalLevel = CAPTURE_HAL_LOG_LEVEL;
+    static const uint32_t loadedGpuLevel = GPU_LOG_LEVEL;
     for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {
         mUseGpu[slot] = 0;
-        // The static image binds row 0 only.
-        mPqStreamInfo[slot].pqId = slot == 0 ? -1 : 0;
-        mPqStreamInfo[slot].reserved = slot == 0 ? -1 : 0;
-        mPqStreamInfo[slot].capturePoint = slot == 0 ? kCapturePointNone : 0;
+        mPqStreamInfo[slot] = loadedPq[slot];
     }
     for (auto& align : mGpuDstWidthAlign) align = 0;
     for (auto& state : Capture::mPointsSupportState) state = 0;
@@ -101,8 +104,8 @@ void resetProcessState() {
     std::memset(static_cast<void*>(bw_info), 0, sizeof(bw_info));
     std::memset(static_cast<void*>(bw_info_hw_set), 0, sizeof(bw_info_hw_set));
 
-    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 0u, __ATOMIC_RELAXED);
-    __atomic_store_n(&GPU_LOG_LEVEL, 32u, __ATOMIC_RELAXED);
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, loadedHalLevel, __ATOMIC_RELAXED);
+    __atomic_store_n(&GPU_LOG_LEVEL, loadedGpuLevel, __ATOMIC_RELAXED);
     android::base::SetProperty("vendor.zor.capture.forcegpu", "");
     android::base::SetProperty("vendor.zor.capture_hal.dumpdata", "");
     for (const char* name : {"CAPTURE_SUBHAL_PATH", "CAPTURE_DEVICE_TREE_ROOT", "CAPTURE_DUMP_DIR",
