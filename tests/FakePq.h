@@ -1,4 +1,5 @@
-// In-process stand-in for the picture-quality service: logs every call and answers as scripted.
+// In-process stand-in for the picture-quality service: notes every call in the doubles' journal
+// and answers as scripted.
 #pragma once
 
 #include <hidl/Status.h>
@@ -10,6 +11,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "FakeSubHal.h"
 
 namespace capture_test {
 
@@ -24,16 +27,20 @@ public:
     static sp<FakePq> install();  // the process's one instance, reset and registered as "default"
     static void uninstall();
 
+    // The journal is the sub-HAL double's, forgotten by fake_subhal::reset().
     void reset() {
         std::lock_guard<std::mutex> lock(mMutex);
-        mCalls.clear();
         replies.clear();
         info = ST_CAPTURE_POINT_INFO{};
     }
-    // "get <pqId>/<index>", "register <pqId>/<event>", "unregister <pqId>/<event>", in order.
-    std::vector<std::string> calls() const {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mCalls;
+    // Journal lines "pq.get <pqId>/<index>", "pq.register <pqId>/<event>",
+    // "pq.unregister <pqId>/<event>"; calls() gives them alone, without the "pq." prefix.
+    static std::vector<std::string> calls() {
+        std::vector<std::string> out;
+        for (const std::string& line : fake_subhal::journal()) {
+            if (line.rfind("pq.", 0) == 0) out.push_back(line.substr(3));
+        }
+        return out;
     }
 
     // Scripted before the calls they shape: replies by call name (Ok if none), the "get" answer.
@@ -60,7 +67,7 @@ public:
 private:
     Return<EN_RETURN_VALUE> answer(const std::string& name, int32_t pqId, uint32_t arg) {
         std::lock_guard<std::mutex> lock(mMutex);
-        mCalls.push_back(name + " " + std::to_string(pqId) + "/" + std::to_string(arg));
+        fake_subhal::note("pq." + name + " " + std::to_string(pqId) + "/" + std::to_string(arg));
         const Reply reply = replies.count(name) != 0 ? replies.at(name) : Reply::Ok;
         if (reply == Reply::DeadObject)
             return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
@@ -68,7 +75,6 @@ private:
     }
 
     mutable std::mutex mMutex;
-    std::vector<std::string> mCalls;
 };
 
 // The capture-point notification payload: seven 208-byte blocks, one per capture-point index.

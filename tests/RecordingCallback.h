@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "FakePq.h"
@@ -17,11 +18,17 @@ public:
         CaptureEventNotify notify;
         std::array<uint32_t, 9> params;  // the nine words of CaptureCallbackParams
         std::thread::id thread;
+        bool callbackMutexHeld;  // by anyone, seen from another thread; only with probeLock
     };
     Return<void> onNotify(CaptureEventNotify notify, const CaptureCallbackParams& params) override {
         static_assert(sizeof(params) == 36, "nine 32-bit fields");
+        const bool held = probeLock && std::async(std::launch::async, [] {
+                                           if (!mCallbackMutex.try_lock()) return true;
+                                           mCallbackMutex.unlock();
+                                           return false;
+                                       }).get();
         std::lock_guard<std::mutex> lock(mMutex);
-        mEvents.push_back({notify, {}, std::this_thread::get_id()});
+        mEvents.push_back({notify, {}, std::this_thread::get_id(), held});
         std::memcpy(mEvents.back().params.data(), &params, sizeof(params));
         if (failTransport) return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
         return Void();
@@ -31,6 +38,7 @@ public:
         return mEvents;
     }
     std::atomic<bool> failTransport{false};  // reply as a client that died
+    std::atomic<bool> probeLock{false};      // record whether mCallbackMutex is held meanwhile
 
 private:
     mutable std::mutex mMutex;
@@ -57,16 +65,11 @@ protected:
     }
     void bindPq(int32_t pqId, CapturePoint point = CapturePoint::PQ_STREAM_PROCESSED) {
         mPqStreamInfo[slot].pqId = pqId;
-        mPqStreamInfo[slot].capturePoint = static_cast<uint32_t>(point);
+        mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     sp<ICaptureCallback> installed() {
         std::lock_guard<std::mutex> lock(mCallbackMutex);
         return Capture::hasCallback(slot) ? Capture::mCallback[slot] : nullptr;
-    }
-    static std::vector<fake_subhal::Entry> subHalEntries() {
-        std::vector<fake_subhal::Entry> out;
-        for (const auto& call : fake_subhal::calls()) out.push_back(call.entry);
-        return out;
     }
     // The registration record the sub-HAL must receive, byte for byte.
     std::vector<uint8_t> registrationRecord(VX_CAPTURE_Callback entry) {

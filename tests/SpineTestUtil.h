@@ -34,6 +34,16 @@ inline Strings strippedMessages(const LogCapture& log, size_t limit = SIZE_MAX) 
     return messages;
 }
 
+// The function named by the prefix of each captured line that contains the text.
+inline Strings functionsLogging(const LogCapture& log, const std::string& text) {
+    Strings out;
+    for (const auto& line : log.lines()) {
+        if (line.message.find(text) == std::string::npos) continue;
+        out.push_back(line.message.substr(1, line.message.find(']') - 1));
+    }
+    return out;
+}
+
 // Every captured line as "tag/priority message", the prefix's line number dropped.
 inline Strings rendered(const LogCapture& log) {
     static const std::regex lineNumber("^(\\[[^\\]]+\\])\\[[0-9]+\\]");

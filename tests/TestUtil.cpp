@@ -1,15 +1,21 @@
 #include "TestUtil.h"
 
-#include "CaptureLog.h"
-
-#include <dirent.h>
+#include <android-base/properties.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <vector>
+
+#include "BandwidthInfo.h"
+#include "CaptureLog.h"
+#include "SubHal.h"
+#include "gpu_draw.h"
 
 namespace capture_test {
 
@@ -32,31 +38,6 @@ TestHandle::~TestHandle() {
     native_handle_delete(mHandle);
 }
 
-namespace {
-
-void makeParents(const std::string& path) {
-    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
-        mkdir(path.substr(0, pos).c_str(), 0755);
-    }
-}
-
-void removeTree(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) {
-        unlink(path.c_str());
-        return;
-    }
-    while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name == "." || name == "..") continue;
-        removeTree(path + "/" + name);
-    }
-    closedir(dir);
-    rmdir(path.c_str());
-}
-
-}  // namespace
-
 DeviceTree::DeviceTree() {
     char pattern[] = "/tmp/capture-dt-XXXXXX";
     const char* dir = mkdtemp(pattern);
@@ -66,7 +47,8 @@ DeviceTree::DeviceTree() {
 
 DeviceTree::~DeviceTree() {
     unsetenv("CAPTURE_DEVICE_TREE_ROOT");
-    removeTree(mRoot.substr(0, mRoot.size() - 1));
+    std::error_code ignored;
+    std::filesystem::remove_all(mRoot, ignored);
 }
 
 void DeviceTree::setCell(const std::string& relPath, uint32_t value, int bytes) {
@@ -79,21 +61,66 @@ void DeviceTree::setCell(const std::string& relPath, uint32_t value, int bytes) 
 
 void DeviceTree::setRaw(const std::string& relPath, const std::string& bytes) {
     std::string path = mRoot + relPath;
-    makeParents(path);
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-void ServiceTest::SetUp() {
+void resetProcessState() {
     fake_subhal::reset();
+    if (void* library = Capture::mLibHandle.exchange(nullptr)) dlclose(library);
+    [](auto&... entries) { (entries.store(nullptr), ...); }(
+        mInitCapture, mDeInitCapture, mOpenCapture, mCloseCapture, mSetCaptureInfo,
+        mSetCaptureFrameInfo, mGetCaptureCapabilityInfo, mGetCaptureDipInfo, mCaptureOnce,
+        mCaptureStart, mCaptureStop, mRegisterCallback, mUnRegisterCallback, mFrameProcessDone,
+        mNotifyContinueCapture, mDumpInfo);
+
+    {
+        std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
+        for (auto& row : mSrcFrameInfo) row = CaptureSrcFrameInfo{};
+        for (auto& row : mDstFrameInfo) row = CaptureDstFrameInfo{};
+    }
+    {
+        std::lock_guard<std::mutex> lock(mCallbackMutex);
+        for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {
+            Capture::setCallbackLocked(slot, nullptr);
+            Capture::mCallbackSequeceId[slot] = 0;
+            Capture::stCallbackInputParams[slot] = VX_CAPTURE_CallbackInputParams_s{};
+        }
+    }
+    // The static image as the process was loaded, taken before the first test changes anything.
+    static const std::vector<PqStreamInfo> loadedPq(std::begin(mPqStreamInfo),
+                                                    std::end(mPqStreamInfo));
+    static const uint32_t loadedHalLevel = CAPTURE_HAL_LOG_LEVEL;
+    static const uint32_t loadedGpuLevel = GPU_LOG_LEVEL;
+    for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {
+        mUseGpu[slot] = 0;
+        mPqStreamInfo[slot] = loadedPq[slot];
+    }
+    for (auto& align : mGpuDstWidthAlign) align = 0;
+    for (auto& state : Capture::mPointsSupportState) state = 0;
+    Capture::mSystemDtsConfig = SystemDtsConfig{};
+    std::memset(static_cast<void*>(bw_info), 0, sizeof(bw_info));
+    std::memset(static_cast<void*>(bw_info_hw_set), 0, sizeof(bw_info_hw_set));
+
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, loadedHalLevel, __ATOMIC_RELAXED);
+    __atomic_store_n(&GPU_LOG_LEVEL, loadedGpuLevel, __ATOMIC_RELAXED);
+    android::base::SetProperty("vendor.zor.capture.forcegpu", "");
+    android::base::SetProperty("vendor.zor.capture_hal.dumpdata", "");
+    for (const char* name : {"CAPTURE_SUBHAL_PATH", "CAPTURE_DEVICE_TREE_ROOT", "CAPTURE_DUMP_DIR",
+                             "CAPTURE_HOST_GL"}) {
+        unsetenv(name);
+    }
+}
+
+void ServiceTest::SetUp() {
     __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
     service = new Capture();
 }
 
 void ServiceTest::TearDown() {
     service.clear();
-    fake_subhal::reset();
-    unsetenv("CAPTURE_SUBHAL_PATH");
 }
 
 void ServiceTest::loadLibrary(bool partial) {
@@ -112,15 +139,28 @@ int32_t ServiceTest::openInstance() {
     return id;
 }
 
-int countOpenFds() {
-    int n = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') ++n;
+void ServiceTest::expectRefusal(const std::string& line, const std::function<void()>& request) {
+    for (uint32_t level : {31u, 32u}) {
+        SCOPED_TRACE(::testing::Message() << "level " << level);
+        __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, level, __ATOMIC_RELAXED);
+        log.clear();
+        request();
+        std::vector<LogLine> found;
+        for (const LogLine& l : log.lines()) {
+            if (stripLogPrefix(l.message) == line) found.push_back(l);
+        }
+        ASSERT_EQ(level >= 32 ? 1u : 0u, found.size()) << line << "\n" << log.dump();
+        if (level >= 32) {
+            EXPECT_EQ(ANDROID_LOG_WARN, found[0].priority) << line;
+            EXPECT_EQ("CAPTURE_HIDL", found[0].tag) << line;
+        }
     }
-    closedir(dir);
-    return n - 1;  // the directory's own descriptor
+    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
+}
+
+int countOpenFds() {
+    const auto fds = std::filesystem::directory_iterator("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(fds), end(fds))) - 1;  // the iterator's own
 }
 
 }  // namespace capture_test

@@ -7,6 +7,7 @@
 #include <utils/StrongPointer.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,10 @@ protected:
     void loadLibrary(bool partial = false);
     // open() through the double; returns the identifier handed out.
     int32_t openInstance();
+    // Runs `request` at the refusal level and just below it: the refusal `line` (without its
+    // "[function][line] " prefix) is written once at 32, as a warning under "CAPTURE_HIDL", and
+    // not at 31. Leaves the level at 64 and the lines of the run at 32 in the capture.
+    void expectRefusal(const std::string& line, const std::function<void()>& request);
 
     ::android::sp<Capture> service;
     LogCapture log;
@@ -63,5 +68,10 @@ protected:
 
 // Number of open descriptors of this process.
 int countOpenFds();
+
+// Puts the process back as it was loaded: the service's tables and entry pointers, the bandwidth
+// tables, both log levels, the two properties, the environment overrides and the sub-HAL double.
+// Runs before every test, so that a test depends on no other and the suite passes shuffled.
+void resetProcessState();
 
 }  // namespace capture_test

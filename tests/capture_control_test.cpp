@@ -6,6 +6,7 @@
 
 #include "BandwidthInfo.h"
 #include "RecordingCallback.h"
+#include "SpineTestUtil.h"
 
 namespace capture_test {
 namespace {
@@ -40,17 +41,21 @@ protected:
 TEST_F(CaptureOnceTest, SubHalCaptureConsumesTheConfiguration) {
     const std::tuple<uint32_t, int32_t, CaptureReturn> cases[] = {
         {70, -1, CaptureReturn::FAIL},
-        {0, 5, CaptureReturn::SUCCESS},
+        {0, 0, CaptureReturn::SUCCESS},
         {16, 5, CaptureReturn::FORMAT_NOT_SUPPORT}};
-    pq->info = capturePointInfo(7777, 2, {{9, 11}, {5, 4321}});
+    pq->info = capturePointInfo(7777, 3, {{9, 11}, {5, 4321}, {0, 4321}});
     for (const auto& [status, pqId, expected] : cases) {
         SCOPED_TRACE(status);
         const int fds = countOpenFds();
         keepFrameRows();
         bindPq(pqId, CapturePoint::PQ_STREAM_OUT);
+        fake_subhal::reset();
         fake_subhal::setResultOnce(E::CaptureOnce, status);
         EXPECT_EQ(expected, service->captureOnce(id));
-        EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[5][3].u32WinTime);
+        // The figures come first.
+        const Strings journal = {"pq.get " + std::to_string(pqId) + "/3", "CaptureOnce"};
+        EXPECT_EQ(pqId >= 0 ? journal : Strings{"CaptureOnce"}, fake_subhal::journal());
+        EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[std::max(pqId, 0)][3].u32WinTime);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_TRUE(frameRowsCleared());
         EXPECT_EQ(fds, countOpenFds());  // the kept handle clones are closed
@@ -63,6 +68,7 @@ TEST_F(CaptureOnceTest, GpuInstanceWithUnsupportedFormatKeepsItsFlag) {
     bindPq(2);
     mUseGpu[slot] = 1;
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnce(id));
+    EXPECT_EQ(Strings{"captureOnce"}, functionsLogging(log, "GPU Not Support!!!"));
     EXPECT_EQ(1u, mUseGpu[slot]);
     EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
     EXPECT_TRUE(frameRowsCleared() && mPqStreamInfo[slot].pqId == 2);
@@ -74,7 +80,7 @@ TEST_F(CaptureOnceTest, WithCallbackRegistersTheSingleShotEntry) {
     bindPq(6);
     mUseGpu[slot] = 1;
     EXPECT_EQ(CaptureReturn::SUCCESS, service->captureOnceWithCallback(id, cb));
-    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::CaptureOnce}), subHalEntries());
+    ASSERT_EQ((Strings{"RegisterCallback", "CaptureOnce"}), fake_subhal::journal());
     EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureOnceDone), fake_subhal::calls()[0].rec1);
     EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
     EXPECT_EQ(cb, installed());
@@ -86,13 +92,15 @@ TEST_F(CaptureOnceTest, WithCallbackRegistersTheSingleShotEntry) {
 TEST_F(CaptureOnceTest, FailedOrMissingRegistration) {
     fake_subhal::setResultOnce(E::RegisterCallback, 16);
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, cb));
-    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::UnRegisterCallback}), subHalEntries());
+    ASSERT_EQ((Strings{"RegisterCallback", "UnRegisterCallback"}), fake_subhal::journal());
     EXPECT_EQ(fake_subhal::calls()[0].rec1, fake_subhal::calls()[1].rec1);
+    // The failure, the registration and the unregistration, all under the operation's name.
+    EXPECT_EQ(Strings(3, "captureOnceWithCallback"), functionsLogging(log, "Register"));
     EXPECT_EQ(nullptr, installed());
     fake_subhal::reset();
     fake_subhal::setResultOnce(E::CaptureOnce, 16);
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, nullptr));
-    EXPECT_EQ(std::vector<E>{E::CaptureOnce}, subHalEntries());
+    EXPECT_EQ(Strings{"CaptureOnce"}, fake_subhal::journal());
 }
 
 TEST_F(ContinuousCaptureTest, InvalidIdentifiersAreRefusedWithoutSideEffects) {
@@ -107,16 +115,16 @@ TEST_F(ContinuousCaptureTest, InvalidIdentifiersAreRefusedWithoutSideEffects) {
     };
     bindPq(3);
     for (int32_t bad : {0x73000020, 0x72FFFFFF, -1, INT32_MIN}) {
-        for (const auto& [name, op] : ops)
-            EXPECT_EQ(CaptureReturn::INVALID_CAPTURE_ID, op(bad)) << name;
-        EXPECT_TRUE(service->setCallback(bad, cb).isOk());
+        const std::string refusal = formatted(" , INVALID_CAPTURE_ID ERROR 0x%x", bad);
+        for (const auto& [name, op] : ops) {
+            expectRefusal(name + refusal,
+                          [&, op = op] { EXPECT_EQ(CaptureReturn::INVALID_CAPTURE_ID, op(bad)); });
+        }
+        expectRefusal("setCallback" + refusal,
+                      [&] { EXPECT_TRUE(service->setCallback(bad, cb).isOk()); });
         EXPECT_EQ(CaptureReturn::SUCCESS, service->startAllSourceRotation(bad, {}, cb));
         EXPECT_EQ(CaptureReturn::SUCCESS, service->stopAllSourceRotation(bad));
     }
-    for (const auto& [name, op] : ops) {
-        EXPECT_EQ(4u, log.count(std::string(name) + " , INVALID_CAPTURE_ID ERROR 0x")) << name;
-    }
-    EXPECT_EQ(1u, log.countExact("setCallback , INVALID_CAPTURE_ID ERROR 0xffffffff"));
     EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
     EXPECT_EQ(3, mPqStreamInfo[slot].pqId);
     for (int s = 0; s < kMaxCaptureSlots; ++s)
@@ -129,11 +137,12 @@ TEST_F(ContinuousCaptureTest, StartRegistersWithTheSubHalAndThePqService) {
     pq->replies["register"] = FakePq::Reply::DeadObject;
     bindPq(3, CapturePoint::PQ_STREAM_PROCESSED);
     EXPECT_EQ(CaptureReturn::SUCCESS, service->startCapture(id, cb));
-    ASSERT_EQ((std::vector<E>{E::RegisterCallback, E::CaptureStart}), subHalEntries());
+    // Point index 2, event 4; the capture starts last.
+    EXPECT_EQ((Strings{"RegisterCallback", "pq.get 3/2", "pq.register 3/4", "CaptureStart"}),
+              fake_subhal::journal());
     EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureDone), fake_subhal::calls()[0].rec1);
     EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
     EXPECT_EQ(cb, installed());
-    EXPECT_EQ((Strings{"get 3/2", "register 3/4"}), pq->calls());  // point index 2, event 4
     EXPECT_EQ(1u, log.countExact("registerPqOnewayCallback: "
                                  "EN_PQ_CALLBACK_EVENT_CAPTUREPOINT_INFO_CHANGE Failed: 3"));
     EXPECT_EQ(3, mPqStreamInfo[slot].pqId);
@@ -142,37 +151,50 @@ TEST_F(ContinuousCaptureTest, StartRegistersWithTheSubHalAndThePqService) {
 // A failed start is rolled back only on a PQ stream, the PQ registration first; without one, the
 // client's stopCapture or close cleans up. Stream ids above 15 have figures but no PQ callbacks.
 TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
-    const Strings pqRollback = {"get 3/2", "register 3/4", "unregister 3/4"};
-    const std::vector<E> undone = {E::RegisterCallback, E::CaptureStart, E::UnRegisterCallback};
-    // Cases without a callback first: a callback kept by an earlier case would be rolled back.
-    const std::tuple<int32_t, E, bool, std::vector<E>, Strings> cases[] = {
-        {-1, E::CaptureStart, false, {E::CaptureStart}, {}},
-        {3, E::CaptureStart, false, {E::CaptureStart}, pqRollback},
-        {3, E::RegisterCallback, true, {E::RegisterCallback, E::UnRegisterCallback}, pqRollback},
-        {3, E::CaptureStart, true, undone, pqRollback},
-        {16, E::CaptureStart, true, undone, {"get 16/2"}},
-        {-1, E::RegisterCallback, true, {E::RegisterCallback}, {}},
-        {-1, E::CaptureStart, true, {E::RegisterCallback, E::CaptureStart}, {}},
+    const Strings pqUp = {"pq.get 3/2", "pq.register 3/4"};
+    const auto plus = [](Strings a, const Strings& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
     };
-    for (const auto& [pqId, failing, withCallback, entries, pqCalls] : cases) {
+    // Cases without a callback first: a callback kept by an earlier case would be rolled back.
+    const std::tuple<int32_t, E, bool, Strings> cases[] = {
+        {-1, E::CaptureStart, false, {"CaptureStart"}},
+        {0,
+         E::CaptureStart,
+         false,
+         {"pq.get 0/2", "pq.register 0/4", "CaptureStart", "pq.unregister 0/4"}},
+        {3, E::RegisterCallback, true,
+         plus(plus({"RegisterCallback"}, pqUp), {"pq.unregister 3/4", "UnRegisterCallback"})},
+        {3, E::CaptureStart, true,
+         plus(plus({"RegisterCallback"}, pqUp),
+              {"CaptureStart", "pq.unregister 3/4", "UnRegisterCallback"})},
+        {16,
+         E::CaptureStart,
+         true,
+         {"RegisterCallback", "pq.get 16/2", "CaptureStart", "UnRegisterCallback"}},
+        {-1, E::RegisterCallback, true, {"RegisterCallback"}},
+        {-1, E::CaptureStart, true, {"RegisterCallback", "CaptureStart"}},
+    };
+    for (const auto& [pqId, failing, withCallback, journal] : cases) {
         SCOPED_TRACE(testing::Message() << pqId << " " << fake_subhal::entryName(failing));
         fake_subhal::reset();
-        pq->reset();
         bindPq(pqId);
         fake_subhal::setResultOnce(failing, 16);
         const sp<RecordingCallback> client = withCallback ? cb : nullptr;
         EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->startCapture(id, client));
-        EXPECT_EQ(entries, subHalEntries());
-        EXPECT_EQ(pqCalls, pq->calls());
+        EXPECT_EQ(journal, fake_subhal::journal());
+        for (const auto& name : functionsLogging(log, "RegisterCallback"))
+            EXPECT_EQ("startCapture", name);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_EQ(pqId < 0 ? client : nullptr, installed());
     }
 }
 
-// The stop is always attempted, and an unregistration error wins over a stop error.
+// The registrations are undone, the client's first, before the stop, which is always attempted;
+// an unregistration error wins over a stop error.
 TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
     const std::tuple<bool, int32_t, uint32_t, uint32_t, CaptureReturn> cases[] = {
-        {true, 5, 0, 0, CaptureReturn::SUCCESS},
+        {true, 0, 0, 0, CaptureReturn::SUCCESS},
         {true, -1, 16, 7, CaptureReturn::FORMAT_NOT_SUPPORT},
         {true, -1, 0, 7, CaptureReturn::INVALID_CAPTURE_ID},
         {false, -1, 0, 16, CaptureReturn::FORMAT_NOT_SUPPORT},
@@ -182,13 +204,13 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
         bindPq(pqId);
         ASSERT_TRUE(!started || service->startCapture(id, cb) == CaptureReturn::SUCCESS);
         fake_subhal::reset();
-        pq->reset();
         fake_subhal::setResultOnce(E::UnRegisterCallback, unregister);
         fake_subhal::setResultOnce(E::CaptureStop, stop);
         EXPECT_EQ(expected, service->stopCapture(id));
-        const std::vector<E> both = {E::UnRegisterCallback, E::CaptureStop};
-        EXPECT_EQ(started ? both : std::vector<E>{E::CaptureStop}, subHalEntries());
-        EXPECT_EQ(pqId < 0 ? Strings{} : Strings{"unregister 5/4"}, pq->calls());
+        Strings journal = {"CaptureStop"};
+        if (pqId >= 0) journal.insert(journal.begin(), "pq.unregister 0/4");
+        if (started) journal.insert(journal.begin(), "UnRegisterCallback");
+        EXPECT_EQ(journal, fake_subhal::journal());
         EXPECT_EQ(nullptr, installed());
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
     }
@@ -205,6 +227,7 @@ protected:
 };
 
 // Offsets only of the eight buffers the record holds; only the continuous entry reads the reply.
+// The client runs under mCallbackMutex, so that no installation or removal overtakes it.
 TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
     const std::tuple<uint32_t, uint32_t, CaptureReturn, uint32_t> frames[] = {
         {3, 16, CaptureReturn::FORMAT_NOT_SUPPORT, 0x40000},
@@ -213,6 +236,7 @@ TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
         {8, 2, CaptureReturn::FAIL, 0},
         {0xFFFFFFFF, 0, CaptureReturn::SUCCESS, 0}};
     cb->failTransport = true;
+    cb->probeLock = true;
     for (const auto& [index, errorNo, result, yOffset] : frames) {
         EXPECT_EQ(0, fake_subhal::fireCallback(id, doneInfo(index, errorNo)));
         const auto events = cb->events();
@@ -223,7 +247,7 @@ TEST_P(CompletionEntryTest, FramesReachTheClientFromTheSubHalThread) {
             static_cast<uint32_t>(result)};
         EXPECT_EQ(expected, events.back().params);
         EXPECT_EQ(CaptureEventNotify::FRAME_DONE, events.back().notify);
-        EXPECT_EQ(fake_subhal::workerThreadId(), events.back().thread);
+        EXPECT_TRUE(events.back().callbackMutexHeld);
         EXPECT_NE(std::this_thread::get_id(), events.back().thread);
     }
     EXPECT_EQ(5u, cb->events().size());

@@ -58,11 +58,7 @@ struct DumpFolder {
         setenv("CAPTURE_DUMP_DIR", path.c_str(), 1);
         ::android::base::SetProperty(kDumpDataProperty, "1");
     }
-    ~DumpFolder() {
-        ::android::base::SetProperty(kDumpDataProperty, "");
-        unsetenv("CAPTURE_DUMP_DIR");
-        std::filesystem::remove_all(path);
-    }
+    ~DumpFolder() { std::filesystem::remove_all(path); }
     std::set<std::string> files() const {
         std::set<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(path)) {

@@ -214,9 +214,6 @@ class GpuPixelTest : public ServiceTest {
 protected:
     void SetUp() override {
         gpu_test::keepMesaDriverLoaded();
-        mSavedHalLevel = __atomic_load_n(&CAPTURE_HAL_LOG_LEVEL, __ATOMIC_RELAXED);
-        mSavedGpuLevel = __atomic_load_n(&GPU_LOG_LEVEL, __ATOMIC_RELAXED);
-        mSavedForceGpu = ::android::base::GetProperty(kForceGpuProperty, "");
         ServiceTest::SetUp();
         // Refusals only: per-conversion traces would bury a failure's cause.
         __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 32u, __ATOMIC_RELAXED);
@@ -230,34 +227,14 @@ protected:
                 if (line.priority >= ANDROID_LOG_WARN) printf("  log: %s\n", line.message.c_str());
             }
         }
-        // A conversion that failed half-way leaves its instance marked and its rows kept.
-        for (int32_t id : mOpened) {
-            mUseGpu[slotOf(id)] = 0;
-            std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
-            mSrcFrameInfo[slotOf(id)] = CaptureSrcFrameInfo{};
-            mDstFrameInfo[slotOf(id)] = CaptureDstFrameInfo{};
-        }
-        ::android::base::SetProperty(kForceGpuProperty, mSavedForceGpu);
         ServiceTest::TearDown();
-        __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, mSavedHalLevel, __ATOMIC_RELAXED);
-        __atomic_store_n(&GPU_LOG_LEVEL, mSavedGpuLevel, __ATOMIC_RELAXED);
     }
 
-    int32_t open() {
-        const int32_t id = openInstance();
-        if (isValidCaptureId(id)) mOpened.push_back(id);
-        return id;
-    }
+    int32_t open() { return openInstance(); }
 
     std::string convert(int32_t id, const Case& c, Comparison* comparison = nullptr) {
         return convertAndCheck(*service, id, c, comparison);
     }
-
-private:
-    uint32_t mSavedHalLevel = 0;
-    uint32_t mSavedGpuLevel = 0;
-    std::string mSavedForceGpu;
-    std::vector<int32_t> mOpened;
 };
 
 std::vector<uint32_t> halFormats() {

@@ -47,6 +47,7 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
     using R = FakePq::Reply;
     const std::tuple<uint32_t, R, int32_t, uint8_t, Windows, Cell, const char*> cases[] = {
         {8, R::Ok, 7, 3, {{1, 10}, {7, 700}, {7, 999}}, {7, 700, 900, 1}, "win_i(1)"},
+        {2, R::Ok, 7, 3, {{1, 10}, {7, 700}, {7, 999}}, {7, 700, 900, 1}, "win_i(1)"},
         {8, R::Ok, 7, 2, {{1, 10}, {2, 20}}, {7, 0, 900, 1}, "win_i(2)"},
         {8, R::Ok, 1, 20, twenty, {1, 10, 900, 1}, "win_i(0)"},
         {8, R::Ok, 9, 20, twenty, {}, "get activeWinNum fail"},
@@ -60,14 +61,16 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
     for (const auto& [point, reply, pqId, activeWinNum, wins, cell, logged] : cases) {
         SCOPED_TRACE(testing::Message() << point << "/" << pqId << "/" << int(activeWinNum));
         log.clear();
+        fake_subhal::reset();
         pq->reset();
         pq->replies["get"] = reply;
         pq->info = capturePointInfo(900, activeWinNum, wins);
         GetPqInfo(static_cast<CapturePoint>(point), pqId);
-        EXPECT_EQ(cell, takeOnlyCell(pqId, 6));
+        EXPECT_EQ(cell, takeOnlyCell(pqId, point - 2));
         EXPECT_EQ(1u, log.count(logged)) << log.dump();
-        const std::vector<std::string> query = {"get " + std::to_string(pqId) + "/6"};
-        EXPECT_EQ(point == 8 ? query : std::vector<std::string>{}, pq->calls());
+        const std::vector<std::string> query = {"get " + std::to_string(pqId) + "/" +
+                                                std::to_string(point - 2)};
+        EXPECT_EQ(point >= 2 && point <= 8 ? query : std::vector<std::string>{}, pq->calls());
     }
 }
 
@@ -79,10 +82,11 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
                                                                {2, 300, CapturePoint::PQ_PANEL}};
     for (const auto& [slot, pqId, point] : bindings) {
         mPqStreamInfo[slot].pqId = pqId;
-        mPqStreamInfo[slot].capturePoint = static_cast<uint32_t>(point);
+        mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     PqPayload payload;
-    payload.window(5, 0, 2, 100).window(5, 1, 4, 200).window(5, 2, 7, 333).window(5, 3, 44, 1);
+    payload.window(5, 0, 2, 100).window(5, 1, 4, 200).window(5, 2, 7, 0x4030201);
+    payload.window(5, 3, 44, 1);
     payload.info(3, 1, 1, 0).window(3, 0, 7, 1);
     const auto sizeError = [](int size) {
         return "pq info error, u32DataSize(" + std::to_string(size) +
@@ -94,8 +98,8 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
     const std::tuple<int32_t, uint32_t, size_t, uint8_t, EN_PQ_CALLBACK_EVENT_TYPE, std::string,
                      uint32_t>
         cases[] = {
-            {7, 1456, 1456, 3, kInfo, "PQId[7] found = true, captureId_i(5)", 333},
-            {7, 1000, 1456, 3, kInfo, sizeError(1000), 333},  // the declared size only logs
+            {7, 1456, 1456, 3, kInfo, "PQId[7] found = true, captureId_i(5)", 0x4030201},
+            {7, 1000, 1456, 3, kInfo, sizeError(1000), 0x4030201},  // the declared size only logs
             {7, 1456, 1455, 3, kInfo, sizeError(1455), 0},
             {7, 1456, 0, 3, kInfo, sizeError(0), 0},
             {8, 1456, 1456, 3, kInfo, "PQId[8] found = false, break", 0},

@@ -12,6 +12,7 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <future>
@@ -31,9 +32,6 @@ constexpr uint32_t kStatusBadPointer = 10;
 // Keeps eight NV12 buffers of the largest frame addressable with 32-bit offsets.
 constexpr uint32_t kMaxFrameSide = 8192;
 constexpr uint32_t kBufferCount = 8;
-
-// A fire request from a callback the worker runs cannot wait for the worker: it runs inline.
-thread_local bool tOnWorker = false;
 
 template <typename T>
 std::vector<uint8_t> bytesOf(const T* p, size_t size = sizeof(T)) {
@@ -60,6 +58,7 @@ using ThreadList = std::vector<std::shared_ptr<OwnedThread>>;
 // Everything reset() forgets.
 struct Recorded {
     std::vector<Call> calls;
+    std::vector<std::string> journal;
     std::array<uint32_t, kEntryCount> results{};
     std::array<std::deque<uint32_t>, kEntryCount> onceResults;
     std::array<bool, kSlotCount> slotUsed{};
@@ -72,22 +71,21 @@ struct Recorded {
     std::map<int32_t, uint32_t> lumaSizes;  // of the last accepted SetCaptureInfo destination
     bool autoStream = false;
     unsigned streamPeriodUs = 1000;
-    std::map<int32_t, std::pair<uint64_t, uint64_t>> counters;  // frames fired, delivered
+    std::map<int32_t, uint64_t> framesFired;
 };
 
 struct State : Recorded {
     std::mutex mu;
-    std::condition_variable cv;  // a thread was told to stop, or the worker was given a task
+    std::condition_variable cv;  // a thread was told to stop
     bool shuttingDown = false;
     std::map<int32_t, std::shared_ptr<OwnedThread>> streams;
-    std::shared_ptr<OwnedThread> worker;
-    std::deque<std::packaged_task<int()>> tasks;
 
     ~State() { stopThreads(true); }
 
     // Picks the status: the next one-shot status, else the persistent one.
     uint32_t enterLocked(Call&& call) {
         const size_t e = static_cast<size_t>(call.entry);
+        journal.push_back(entryName(call.entry) + std::strlen("VX_CAPTURE_"));
         calls.push_back(std::move(call));
         if (onceResults[e].empty()) return results[e];
         const uint32_t status = onceResults[e].front();
@@ -101,7 +99,6 @@ struct State : Recorded {
         ThreadList threads;
         for (auto& entry : streams) threads.push_back(std::move(entry.second));
         streams.clear();
-        if (worker) threads.push_back(std::move(worker));
         for (auto& t : threads) t->stop = true;
         cv.notify_all();
         lock.unlock();
@@ -117,37 +114,6 @@ struct State : Recorded {
                 t->thread.join();
             }
         }
-    }
-
-    void startWorkerLocked() {
-        if (worker) return;
-        worker = std::make_shared<OwnedThread>();
-        worker->thread = std::thread([this, self = worker] {
-            tOnWorker = true;
-            std::unique_lock<std::mutex> lock(mu);
-            for (;;) {
-                cv.wait(lock, [&] { return self->stop || !tasks.empty(); });
-                // Pending requests are served even when stopping: their callers are waiting.
-                if (tasks.empty()) return;
-                std::packaged_task<int()> task = std::move(tasks.front());
-                tasks.pop_front();
-                lock.unlock();
-                task();
-                lock.lock();
-            }
-        });
-    }
-
-    int runOnWorker(std::function<int()> fn) {
-        if (tOnWorker) return fn();
-        std::unique_lock<std::mutex> lock(mu);
-        if (shuttingDown) return -1;
-        startWorkerLocked();
-        tasks.emplace_back(std::move(fn));
-        std::future<int> result = tasks.back().get_future();
-        cv.notify_all();
-        lock.unlock();
-        return result.get();
     }
 
     void startStreamLocked(int32_t id) {
@@ -175,13 +141,12 @@ struct State : Recorded {
                 info.stBuf[k].C_offSet = info.stBuf[k].Y_offSet + info.Y_Size;
             }
             index = (index + 1) % kBufferCount;
-            ++counters[id].first;
+            ++framesFired[id];
             // Not held across the call: the service takes its own mutex inside, and a binder
             // thread holding that one may be calling into one of our entries.
             lock.unlock();
-            const int ret = fn(id, 0, &info, &sequence);
+            fn(id, 0, &info, &sequence);
             lock.lock();
-            if (ret == 0) ++counters[id].second;
         }
     }
 };
@@ -229,6 +194,14 @@ void reset() {
 
 std::vector<Call> calls() {
     return locked([](State& s) { return s.calls; });
+}
+
+std::vector<std::string> journal() {
+    return locked([](State& s) { return s.journal; });
+}
+
+void note(const std::string& line) {
+    locked([&](State& s) { s.journal.push_back(line); });
 }
 
 std::vector<Call> callsOf(Entry e) {
@@ -279,30 +252,19 @@ uint32_t registrationSequence(int32_t id) {
 }
 
 int fireCallback(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info) {
-    return fireCallbackWithSequence(id, info, registrationSequence(id));
-}
-
-int fireCallbackWithSequence(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info, uint32_t seq) {
-    const VX_CAPTURE_Callback fn = locked([id](State& s) {
+    const std::pair<VX_CAPTURE_Callback, uint32_t> reg = locked([id](State& s) {
         auto it = s.registrations.find(id);
-        return it == s.registrations.end() ? nullptr : it->second.first;
+        return it == s.registrations.end() ? std::make_pair(VX_CAPTURE_Callback(nullptr), 0u)
+                                           : it->second;
     });
-    return fireRaw(fn, id, info, seq);
-}
-
-int fireRaw(VX_CAPTURE_Callback fn, int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info,
-            uint32_t seq) {
+    const VX_CAPTURE_Callback fn = reg.first;
     if (fn == nullptr) return -1;
-    return state().runOnWorker(
-        [fn, id, frame = info, seq]() mutable { return fn(id, 0, &frame, &seq); });
-}
-
-std::thread::id workerThreadId() {
-    return locked([](State& s) {
-        if (s.shuttingDown) return std::thread::id();
-        s.startWorkerLocked();
-        return s.worker->thread.get_id();
-    });
+    // From a thread of the double's own, as the vendor library calls back.
+    return std::async(std::launch::async,
+                      [fn, id, frame = info, seq = reg.second]() mutable {
+                          return fn(id, 0, &frame, &seq);
+                      })
+        .get();
 }
 
 void setAutoStream(bool enabled, unsigned periodUs) {
@@ -313,15 +275,7 @@ void setAutoStream(bool enabled, unsigned periodUs) {
 }
 
 uint64_t framesFired(int32_t id) {
-    return locked([id](State& s) { return s.counters[id].first; });
-}
-
-uint64_t framesDelivered(int32_t id) {
-    return locked([id](State& s) { return s.counters[id].second; });
-}
-
-bool isStreaming(int32_t id) {
-    return locked([id](State& s) { return s.streams.count(id) != 0; });
+    return locked([id](State& s) { return s.framesFired[id]; });
 }
 
 }  // namespace fake_subhal

@@ -48,6 +48,11 @@ struct Call {
 void reset();
 
 std::vector<Call> calls();
+
+// One ordered record of the calls made to every double: a sub-HAL entry adds its name without the
+// "VX_CAPTURE_" prefix ("CaptureStart"); other doubles add their own lines through note().
+std::vector<std::string> journal();
+void note(const std::string& line);
 std::vector<Call> callsOf(Entry);
 size_t count(Entry);
 
@@ -63,21 +68,15 @@ void setDumpText(const std::string&);                         // written by Dump
 // The value read through pu32SequenceId by the id's RegisterCallback; 0 when unregistered.
 uint32_t registrationSequence(int32_t id);
 
-// Calls the id's registered entry as pfnCallback(id, 0, &info, &sequence) on the double's worker
-// thread (inline when already on it) and returns its result; -1 without a registered entry.
+// Calls the id's registered entry as pfnCallback(id, 0, &info, &sequence) on a thread of its own
+// and returns its result; -1 without a registered entry.
 int fireCallback(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info);
-int fireCallbackWithSequence(int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info, uint32_t seq);
-int fireRaw(VX_CAPTURE_Callback fn, int32_t id, const VX_CAPTURE_CaptureDoneInfo_s& info,
-            uint32_t seq);
-std::thread::id workerThreadId();
 
 // When enabled, a successful CaptureStart(id) starts a thread that fires the id's registration of
 // the moment every periodUs, buffer index cycling 0..7, NV12 sizes from the id's last accepted
 // SetCaptureInfo destination (1920x1080 by default). Only CaptureStop (whatever its status)
 // stops it, joining it before returning, so a service that forgets it shows in the counters.
 void setAutoStream(bool enabled, unsigned periodUs);
-uint64_t framesFired(int32_t id);      // totals until reset()
-uint64_t framesDelivered(int32_t id);  // ... of which the entry returned 0
-bool isStreaming(int32_t id);
+uint64_t framesFired(int32_t id);  // total until reset()
 
 }  // namespace fake_subhal

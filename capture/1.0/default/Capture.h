@@ -68,7 +68,7 @@ static_assert(offsetof(SystemDtsConfig, TileWidthMax) == 20, "the sixth word");
 struct PqStreamInfo {
     Relaxed<int32_t> pqId;          // -1: not bound
     Relaxed<int32_t> reserved;
-    Relaxed<uint32_t> capturePoint; // CapturePoint; 13: none
+    Relaxed<int32_t> capturePoint;  // CapturePoint; 13: none
 };
 static_assert(sizeof(PqStreamInfo) == 12, "three words");
 

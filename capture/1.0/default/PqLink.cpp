@@ -241,7 +241,7 @@ Return<void> PqPerStreamCallback::onNotify(int32_t PQId, EN_PQ_CALLBACK_EVENT_TY
     }
     CAPTURE_LOGI("PQId[%d] found = true, captureId_i(%d)", PQId, slot);
 
-    const int index = getPQPoint(mPqStreamInfo[slot].capturePoint);
+    const int index = getPQPoint(static_cast<uint32_t>(mPqStreamInfo[slot].capturePoint.load()));
     if (index < 0) {
         CAPTURE_LOGW("getPQPoint fail");
         return Void();

@@ -79,7 +79,8 @@ uint32_t callSubHal(const char* func, int line, const char* name, const std::ato
 
 // SUBHAL_CALL(mCloseCapture, captureId): logs "mCloseCapture is nullptr!" or
 // "mCloseCapture fail! ret=%u." under the calling function's name and line.
-#define SUBHAL_CALL(entry, ...) callSubHal(__func__, __LINE__, #entry, entry, ##__VA_ARGS__)
+#define SUBHAL_CALL(entry, ...) \
+    callSubHal(CAPTURE_LOG_FUNCTION, __LINE__, #entry, entry, ##__VA_ARGS__)
 
 inline CaptureReturn subHalResult(uint32_t status) {
     return status == 0 ? CaptureReturn::SUCCESS
