@@ -173,13 +173,15 @@ Return<CaptureReturn> Capture::close(int32_t captureId) {
 
 Return<void> Capture::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) {
     const native_handle_t* handle = fd.getNativeHandle();
-    // A negative descriptor is the caller's to answer for: the writes to it fail, nothing else.
+    // A negative descriptor is the caller's to answer for: the sub-HAL still gets it.
     if (handle == nullptr || handle->numFds < 1) {
         CAPTURE_LOGE("Invalid parameters passed to debug()");
         return Void();
     }
     const int out = handle->data[0];
-    dprintf(out, "================ Capture Hal Dump ================\n");
+    // The banner to a negative descriptor could only fail, and glibc's dprintf keeps the buffer
+    // of a stream it could not write.
+    if (out >= 0) dprintf(out, "================ Capture Hal Dump ================\n");
 
     // Any option at all asks for the sub-HAL's detailed dump; the words themselves are not read.
     const uint32_t level = options.size() > 0 ? 32u : 3u;
