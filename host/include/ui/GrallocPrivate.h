@@ -42,7 +42,8 @@
 //   54 and 262            10-bit samples packed four to five bytes: a luma row is
 //                         stride x 5/4 bytes (the bytes per stride lock() reports); 54 adds a
 //                         4:2:0 chroma plane of ceil(h/2) such rows, 262 a 4:2:2 chroma plane
-//                         of h rows.
+//                         of h rows. Four samples make one 40-bit little-endian group,
+//                         sample k at bits 10k..10k+9; chroma rows interleave Cb, Cr.
 // Any other format, a zero width or height, or a side above kGrallocMaxDimension is refused.
 #pragma once
 
