@@ -235,7 +235,7 @@ TEST_F(ConfigTest, CaptureInfoRefusalsInCheckOrder) {
 }
 
 // Two rounds swap the descriptor counts (a second one travels, else -1) and vary the angle, the
-// source's plane offsets (two words whatever their count) and its 64-bit colorimetry value.
+// source's plane offsets (the second word is 0 when one is given) and its 64-bit colorimetry.
 TEST_F(ConfigTest, FrameRecordsFollowRequest) {
     fake_subhal::setPlaneOffsets(0x1000, 0x2000);
     for (bool first : {true, false}) {
@@ -243,7 +243,7 @@ TEST_F(ConfigTest, FrameRecordsFollowRequest) {
         TestHandle src(first ? 2 : 1);
         TestHandle dst(first ? 1 : 2);
         Src srcInfo = makeSrc(src.get());
-        srcInfo.vPlaneOffset = first ? Offsets{0x100} : Offsets{0x100, 0x200, 0x300};
+        srcInfo.vPlaneOffset = first ? Offsets{0x100} : Offsets{0x100, 0x200};
         srcInfo.colorimetry = first ? 0x100000002ull : 3;  // cut to its low word: 2
         Dst dstInfo = makeDst(dst.get());
         dstInfo.rotateAngle = first ? 270 : 0;

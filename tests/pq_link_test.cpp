@@ -112,11 +112,11 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
     for (const auto& [pqId, declared, size, activeWinNum, type, logged, winTime] : cases) {
         SCOPED_TRACE(logged);
         log.clear();
-        std::vector<uint8_t> bytes = payload.info(5, 6000, activeWinNum, 1).bytes;
+        std::vector<uint8_t> bytes = payload.info(5, 6000, activeWinNum, 0).bytes;
         bytes.resize(size);
         EXPECT_TRUE(callback->onNotify(pqId, type, declared, bytes).isOk());
         EXPECT_EQ(1u, log.count(logged)) << log.dump();
-        EXPECT_EQ(winTime == 0 ? Cell{} : Cell(7, winTime, 6000, 1), takeOnlyCell(7, 5));
+        EXPECT_EQ(winTime == 0 ? Cell{} : Cell(7, winTime, 6000, 0), takeOnlyCell(7, 5));
         EXPECT_EQ(size < 1456 || declared != 1456, log.contains("pq info error"));
         EXPECT_TRUE(type == kInfo || log.lines().size() == 1) << log.dump();
     }
