@@ -3,6 +3,8 @@
 // write-back of the destination into its buffer.
 #include <android-base/properties.h>
 #include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <malloc.h>
 #include <ui/GrallocPrivate.h>
 #include <ui/GraphicBuffer.h>
 
@@ -58,6 +60,32 @@ double ms(uint64_t ns, int64_t iterations) {
     return iterations > 0 ? static_cast<double>(ns) / 1e6 / static_cast<double>(iterations) : 0;
 }
 
+// Hands the slot a source and a destination, as setCaptureFrameInfo keeps them, and converts.
+bool convert(Capture& service, const Pair& pair, const sp<GraphicBuffer>& src,
+             const sp<GraphicBuffer>& dst, uint32_t rotation) {
+    const uint32_t w = src->getWidth(), h = src->getHeight();
+    {
+        std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
+        CaptureSrcFrameInfo& s = mSrcFrameInfo[kSlot] = CaptureSrcFrameInfo{};
+        CaptureDstFrameInfo& d = mDstFrameInfo[kSlot] = CaptureDstFrameInfo{};
+        s.format = pair.src;
+        s.width = w;
+        s.height = h;
+        s.buffer = hidl_handle(src->handle);
+        d.format = pair.dst;
+        d.width = w;
+        d.height = h;
+        d.cropX = w / 12;
+        d.cropY = h / 12;
+        d.cropWidth = w * 5 / 6;
+        d.cropHeight = h * 5 / 6;
+        d.rotateAngle = rotation;
+        d.buffer = hidl_handle(dst->handle);
+    }
+    mUseGpu[kSlot] = 1;
+    return service.captureOnce(kCaptureIdBase + kSlot) == CaptureReturn::SUCCESS;
+}
+
 // 1920x1080 source, a 1600x900 crop, into a 1920x1080 destination; arguments: pair, rotation.
 void BM_GpuConversion1080p(benchmark::State& state) {
     const Pair& pair = kPairs[state.range(0)];
@@ -70,37 +98,17 @@ void BM_GpuConversion1080p(benchmark::State& state) {
     }
     sp<Capture> service = new Capture();
     host_gl::resetStats();
-    const int32_t captureId = kCaptureIdBase + kSlot;
     const auto start = std::chrono::steady_clock::now();
     for (auto _ : state) {
-        {
-            std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
-            CaptureSrcFrameInfo& s = mSrcFrameInfo[kSlot] = CaptureSrcFrameInfo{};
-            CaptureDstFrameInfo& d = mDstFrameInfo[kSlot] = CaptureDstFrameInfo{};
-            s.format = pair.src;
-            s.width = 1920;
-            s.height = 1080;
-            s.buffer = hidl_handle(src->handle);
-            d.format = pair.dst;
-            d.width = 1920;
-            d.height = 1080;
-            d.cropX = 161;
-            d.cropY = 91;
-            d.cropWidth = 1600;
-            d.cropHeight = 900;
-            d.rotateAngle = rotation;
-            d.buffer = hidl_handle(dst->handle);
-        }
-        mUseGpu[kSlot] = 1;
-        if (service->captureOnce(captureId) != CaptureReturn::SUCCESS) {
+        if (!convert(*service, pair, src, dst, rotation)) {
             state.SkipWithError("conversion refused");
             break;
         }
     }
-    const uint64_t totalNs = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() -
-                                                             start)
-            .count());
+    const uint64_t totalNs =
+        static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::steady_clock::now() - start)
+                                  .count());
     const host_gl::Stats s = host_gl::stats();
     if (s.writeBacks != static_cast<uint64_t>(state.iterations())) {
         state.SkipWithError("the host graphics layer drew nothing (CAPTURE_HOST_GL=0?)");
@@ -124,6 +132,38 @@ BENCHMARK(BM_GpuConversion1080p)
     ->Args({1, 90})
     ->Unit(benchmark::kMillisecond)
     ->MinTime(2.0);
+
+int openFds() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Small conversions back to back: descriptors and heap in use after 1,000 of them, against what
+// they were after a warm-up (EGL, shaders and the layer's first allocations).
+void BM_GpuConversionLeak(benchmark::State& state) {
+    const Pair& pair = kPairs[1];
+    sp<GraphicBuffer> src = filledBuffer(96, 64, pair.srcHal);
+    sp<GraphicBuffer> dst = filledBuffer(96, 64, pair.dstHal);
+    sp<Capture> service = new Capture();
+    for (int i = 0; i < 20; ++i) convert(*service, pair, src, dst, 90);
+    const int fds = openFds();
+    const size_t heap = mallinfo2().uordblks;
+    for (auto _ : state) {
+        if (!convert(*service, pair, src, dst, 90)) {
+            state.SkipWithError("conversion refused");
+            break;
+        }
+    }
+    state.counters["fd_growth"] = openFds() - fds;
+    state.counters["heap_growth_bytes"] =
+        static_cast<double>(mallinfo2().uordblks) - static_cast<double>(heap);
+}
+
+BENCHMARK(BM_GpuConversionLeak)->Iterations(1000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

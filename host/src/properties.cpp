@@ -10,7 +10,14 @@
 
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
     if (value == nullptr) return -1;
-    std::string current = key != nullptr ? android::base::GetProperty(key, "") : std::string();
+    // The service reads a property on every capability query: keep the key's storage per thread
+    // rather than allocating a string for each lookup.
+    thread_local std::string name;
+    std::string current;
+    if (key != nullptr) {
+        name.assign(key);
+        current = android::base::GetProperty(name, "");
+    }
     const char* source = current.c_str();
     size_t length = current.size();
     if (length == 0) {

@@ -129,11 +129,14 @@ Return<CaptureReturn> Capture::captureOnce(int32_t captureId) {
     }
 
     // The frame configuration is one-shot: the client configures again before the next capture.
-    // Assigning fresh records also releases the cloned handles and the offset arrays.
+    // Assigning empty records also releases the cloned handles and the offset arrays; copying from
+    // constant ones spares building and zero-filling two temporaries on every capture.
+    static const CaptureDstFrameInfo kNoDst{};
+    static const CaptureSrcFrameInfo kNoSrc{};
     {
         std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
-        mDstFrameInfo[slot] = CaptureDstFrameInfo{};
-        mSrcFrameInfo[slot] = CaptureSrcFrameInfo{};
+        mDstFrameInfo[slot] = kNoDst;
+        mSrcFrameInfo[slot] = kNoSrc;
     }
     return result;
 }

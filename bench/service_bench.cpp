@@ -1,0 +1,357 @@
+// What the service adds to the vendor library: each ICapture method against the bare sub-HAL
+// entries it calls (on a sub-HAL whose entries return at once), the delivery of a completion to
+// the client's onNotify with 1 and 32 streams running, and whether many open/close cycles leave
+// descriptors or heap behind.
+#include <android/log.h>
+#include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "Capture.h"
+#include "VxCaptureHal.h"
+
+namespace {
+
+using namespace ::vendor::quenlark::hardware::capture::V1_0;
+using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
+using ::android::sp;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+using Clock = std::chrono::steady_clock;
+
+// The vendor library's entries, reached as the service reaches them.
+struct Bare {
+    void* lib = nullptr;
+    template <typename F>
+    F entry(const char* name) const {
+        return reinterpret_cast<F>(dlsym(lib, name));
+    }
+};
+
+thread_local Clock::time_point tFired;          // when the sub-HAL called the completion entry
+thread_local std::vector<int64_t>* tLatencies;  // this stream's samples, or none
+
+struct TimingCallback : public ICaptureCallback {
+    Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams&) override {
+        if (tLatencies != nullptr) {
+            tLatencies->push_back(
+                std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - tFired).count());
+        }
+        return Void();
+    }
+};
+
+struct Service {
+    sp<ICapture> capture;
+    Bare bare;
+    int (*complete)(int32_t, VX_CAPTURE_CaptureDoneInfo_s*) = nullptr;
+    int32_t id = -1;
+    int memfd = -1;
+    native_handle_t* buffer = nullptr;
+};
+
+// One service on the null sub-HAL, with one instance open; the warnings it logs are dropped.
+Service& service() {
+    static Service* s = [] {
+        setenv("CAPTURE_SUBHAL_PATH", NULL_SUBHAL_PATH, 1);
+        setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 1);
+        __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
+        auto* out = new Service();
+        sp<Capture> capture = new Capture();
+        capture->initLib();
+        out->capture = capture;
+        out->bare.lib = dlopen(NULL_SUBHAL_PATH, RTLD_NOW | RTLD_NOLOAD);
+        out->complete =
+            out->bare.entry<int (*)(int32_t, VX_CAPTURE_CaptureDoneInfo_s*)>("NullSubHal_Complete");
+        out->capture->open([&](CaptureReturn, int32_t id) { out->id = id; });
+        out->memfd = memfd_create("bench", MFD_CLOEXEC);
+        if (ftruncate(out->memfd, 1 << 22) != 0) abort();
+        out->buffer = native_handle_create(1, 0);
+        out->buffer->data[0] = out->memfd;
+        return out;
+    }();
+    return *s;
+}
+
+CaptureInfo liveInfo(const native_handle_t* buffer) {
+    CaptureInfo info{};
+    info.capPoint = CapturePoint(1);
+    info.pqId = -1;
+    info.srcWidth = 1920;
+    info.srcHeight = 1080;
+    info.hwEngine = 1;
+    info.srcFps = 60;
+    info.cropWidth = 1920;
+    info.cropHeight = 1080;
+    info.dstWidth = 1280;
+    info.dstHeight = 720;
+    info.dstFps = 60;
+    info.dstFmt = CaptureFormat::NV12;
+    info.dstBuffer = buffer;
+    return info;
+}
+
+// A method through the service, and the sub-HAL entries it calls straight.
+struct Method {
+    const char* name;
+    std::function<bool()> service;
+    std::function<void()> bare;
+};
+
+std::vector<Method> methods() {
+    Service& s = service();
+    const int32_t id = s.id;
+    const Bare& b = s.bare;
+    const auto setInfo =
+        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_CaptureInfo_s*)>("VX_CAPTURE_SetCaptureInfo");
+    const auto setFrame =
+        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_SrcFrameInfo_s*, VX_CAPTURE_DstFrameInfo_s*,
+                             VX_CAPTURE_PlaneOffset_s*)>("VX_CAPTURE_SetCaptureFrameInfo");
+    const auto caps =
+        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_getQueryInfo_s*)>(
+            "VX_CAPTURE_GetCapabilityInfo");
+    const auto dip =
+        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_DipInfo_s*, uint32_t)>(
+            "VX_CAPTURE_GetDipInfo");
+    const auto byId = [&](const char* name) { return b.entry<uint32_t (*)(int32_t)>(name); };
+    const auto once = byId("VX_CAPTURE_CaptureOnce"), start = byId("VX_CAPTURE_CaptureStart"),
+               stop = byId("VX_CAPTURE_CaptureStop"), close = byId("VX_CAPTURE_Close"),
+               next = byId("VX_CAPTURE_NotifyContinueCapture");
+    const auto reg = b.entry<uint32_t (*)(int32_t, VX_CAPTURE_CallbackInputParams_s*, void*)>(
+        "VX_CAPTURE_RegisterCallback");
+    const auto unreg = b.entry<uint32_t (*)(int32_t, VX_CAPTURE_CallbackInputParams_s*)>(
+        "VX_CAPTURE_UnRegisterCallback");
+    const auto done = b.entry<uint32_t (*)(int32_t, uint32_t)>("VX_CAPTURE_FrameProcessDone");
+    const auto init = b.entry<uint32_t (*)(uint8_t*)>("VX_CAPTURE_Init");
+    const auto deinit = b.entry<uint32_t (*)()>("VX_CAPTURE_DeInit");
+    const auto open = b.entry<uint32_t (*)(uint8_t*, uint32_t*)>("VX_CAPTURE_Open");
+
+    const CaptureInfo info = liveInfo(s.buffer);
+    CaptureSrcFrameInfo src{};
+    src.width = 1920;
+    src.height = 1080;
+    src.format = CaptureFormat::NV12;
+    src.buffer = s.buffer;
+    src.vPlaneOffset = hidl_vec<uint32_t>{0, 1920 * 1080};
+    CaptureDstFrameInfo dst{};
+    dst.width = 1280;
+    dst.height = 720;
+    dst.format = CaptureFormat::NV12;
+    dst.buffer = s.buffer;
+    setQueryInfo query{
+        1920, 1080, CaptureFormat::NV12, 1280, 720, CaptureFormat::NV12, 0, 0, 0, 1920, 1080, 0};
+    sp<ICaptureCallback> cb = new TimingCallback();
+    const sp<ICapture>& c = s.capture;
+    const auto ok = [](const Return<CaptureReturn>& r) { return r == CaptureReturn::SUCCESS; };
+    return {
+        {"setCaptureInfo", [=] { return ok(c->setCaptureInfo(id, info)); },
+         [=] {
+             VX_CAPTURE_CaptureInfo_s rec{};
+             setInfo(id, &rec);
+         }},
+        {"setCaptureFrameInfo",
+         [=] {
+             bool good = false;
+             c->setCaptureFrameInfo(id, src, dst, [&](CaptureReturn r, const hidl_vec<uint32_t>&) {
+                 good = r == CaptureReturn::SUCCESS;
+             });
+             return good;
+         },
+         [=] {
+             VX_CAPTURE_SrcFrameInfo_s rs{};
+             VX_CAPTURE_DstFrameInfo_s rd{};
+             VX_CAPTURE_PlaneOffset_s planes{};
+             setFrame(id, &rs, &rd, &planes);
+         }},
+        {"getCaptureCapabilityInfo",
+         [=] {
+             bool good = false;
+             c->getCaptureCapabilityInfo(id, query, [&](CaptureReturn r, const getQueryInfo&) {
+                 good = r == CaptureReturn::SUCCESS;
+             });
+             return good;
+         },
+         [=] {  // a stream query asks the limits, the DIP, then the limits again
+             VX_CAPTURE_setQueryInfo_s q{};
+             VX_CAPTURE_getQueryInfo_s a{};
+             VX_CAPTURE_DipInfo_s d{};
+             caps(id, &q, &a);
+             dip(id, &q, &d, 1);
+             caps(id, &q, &a);
+         }},
+        {"captureOnce", [=] { return ok(c->captureOnce(id)); }, [=] { once(id); }},
+        {"startCapture+stopCapture",
+         [=] { return ok(c->startCapture(id, cb)) && ok(c->stopCapture(id)); },
+         [=] {
+             uint32_t sequence = 0;
+             VX_CAPTURE_CallbackInputParams_s params{};
+             params.pu32SequenceId = &sequence;
+             uint8_t out[8];
+             reg(id, &params, out);
+             start(id);
+             unreg(id, &params);
+             stop(id);
+         }},
+        {"frameProcessDone", [=] { return ok(c->frameProcessDone(id, 0)); }, [=] { done(id, 0); }},
+        {"notifyContinueCapture", [=] { return ok(c->notifyContinueCapture(id)); },
+         [=] { next(id); }},
+        {"setCallback", [=] { return c->setCallback(id, cb).isOk(); }, [] {}},
+        {"open+close",
+         [=] {
+             int32_t opened = -1;
+             c->open([&](CaptureReturn, int32_t i) { opened = i; });
+             return ok(c->close(opened));
+         },
+         [=] {
+             uint8_t param = 0;
+             uint32_t handle = 0;
+             init(&param);
+             open(&param, &handle);
+             close(static_cast<int32_t>(handle));
+             deinit();
+         }},
+    };
+}
+
+double threadCpuNs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1e9 + static_cast<double>(t.tv_nsec);
+}
+
+// CPU time per call through the service, and of the bare entries for as many calls; the
+// difference is what the service adds. CPU time, not wall time, so that a busy machine does not
+// blur the comparison.
+void BM_PerCall(benchmark::State& state) {
+    const Method m = methods().at(static_cast<size_t>(state.range(0)));
+    state.SetLabel(m.name);
+    if (!m.service()) {
+        state.SkipWithError("the service refused the call");
+        return;
+    }
+    const double t0 = threadCpuNs();
+    for (auto _ : state) benchmark::DoNotOptimize(m.service());
+    const double t1 = threadCpuNs();
+    for (int64_t i = 0; i < state.iterations(); ++i) m.bare();
+    const double t2 = threadCpuNs();
+    const double n = static_cast<double>(state.iterations());
+    state.counters["service_ns"] = (t1 - t0) / n;
+    state.counters["bare_ns"] = (t2 - t1) / n;
+    state.counters["overhead_ns"] = (t1 - t0 - (t2 - t1)) / n;
+}
+BENCHMARK(BM_PerCall)->DenseRange(0, 8);
+
+double percentile(std::vector<int64_t>& v, double p) {
+    if (v.empty()) return 0;
+    const size_t k = std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())));
+    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(k), v.end());
+    return static_cast<double>(v[k]);
+}
+
+// Each stream completes frames from a thread of its own, at 1,000 per second (a harsher load than
+// 60 fps, to gather samples fast); the latency is from the completion entry's call to the client's
+// onNotify.
+void BM_DeliveryLatency(benchmark::State& state) {
+    Service& s = service();
+    const int streams = static_cast<int>(state.range(0));
+    std::vector<int32_t> ids{s.id};
+    for (int k = 1; k < streams; ++k) {
+        s.capture->open([&](CaptureReturn r, int32_t id) {
+            if (r == CaptureReturn::SUCCESS) ids.push_back(id);
+        });
+    }
+    if (static_cast<int>(ids.size()) != streams) {
+        state.SkipWithError("could not open the instances");
+        return;
+    }
+    sp<ICaptureCallback> cb = new TimingCallback();
+    for (int32_t id : ids) s.capture->startCapture(id, cb);
+    std::vector<std::vector<int64_t>> samples(ids.size());
+    for (auto _ : state) {
+        std::vector<std::thread> threads;
+        const auto end = Clock::now() + std::chrono::seconds(2);
+        for (size_t k = 0; k < ids.size(); ++k) {
+            threads.emplace_back([&, k] {
+                tLatencies = &samples[k];
+                tLatencies->reserve(4096);
+                VX_CAPTURE_CaptureDoneInfo_s info{};
+                for (auto next = Clock::now(); next < end; next += std::chrono::milliseconds(1)) {
+                    std::this_thread::sleep_until(next);
+                    info.index = (info.index + 1) % 8;
+                    tFired = Clock::now();
+                    s.complete(ids[k], &info);
+                }
+                tLatencies = nullptr;
+            });
+        }
+        for (auto& t : threads) t.join();
+    }
+    for (int32_t id : ids) s.capture->stopCapture(id);
+    for (size_t k = 1; k < ids.size(); ++k) s.capture->close(ids[k]);
+    std::vector<int64_t> all;
+    for (auto& v : samples) all.insert(all.end(), v.begin(), v.end());
+    state.counters["frames"] = static_cast<double>(all.size());
+    state.counters["median_ns"] = percentile(all, 0.5);
+    state.counters["p99_ns"] = percentile(all, 0.99);
+    state.counters["p99.9_ns"] = percentile(all, 0.999);
+}
+BENCHMARK(BM_DeliveryLatency)->Arg(1)->Arg(32)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The service's CPU per delivered frame, back to back on one stream: the completion entry, the
+// sequence check, the lock and the client's (empty) onNotify.
+void BM_DeliveryCpu(benchmark::State& state) {
+    Service& s = service();
+    sp<ICaptureCallback> cb = new TimingCallback();
+    s.capture->startCapture(s.id, cb);
+    VX_CAPTURE_CaptureDoneInfo_s info{};
+    for (auto _ : state) benchmark::DoNotOptimize(s.complete(s.id, &info));
+    s.capture->stopCapture(s.id);
+}
+BENCHMARK(BM_DeliveryCpu);
+
+int openFds() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Open/close cycles with a configuration in between: the descriptors and the heap in use after
+// 10,000 of them, against what they were after a warm-up.
+void BM_OpenCloseLeak(benchmark::State& state) {
+    Service& s = service();
+    const CaptureInfo info = liveInfo(s.buffer);
+    const auto cycle = [&] {
+        int32_t id = -1;
+        s.capture->open([&](CaptureReturn, int32_t opened) { id = opened; });
+        s.capture->setCaptureInfo(id, info);
+        s.capture->close(id);
+    };
+    for (int i = 0; i < 100; ++i) cycle();
+    const int fds = openFds();
+    const size_t heap = mallinfo2().uordblks;
+    for (auto _ : state) cycle();
+    state.counters["fd_growth"] = openFds() - fds;
+    state.counters["heap_growth_bytes"] =
+        static_cast<double>(mallinfo2().uordblks) - static_cast<double>(heap);
+}
+BENCHMARK(BM_OpenCloseLeak)->Iterations(10000);
+
+}  // namespace
+
+BENCHMARK_MAIN();
