@@ -58,13 +58,6 @@ Rect unturn(const Rect& r, uint32_t rotation, uint32_t w, uint32_t h) {
     }
 }
 
-// Smallest rectangle holding both; both have width.
-Rect united(const Rect& a, const Rect& b) {
-    uint32_t x0 = std::min(a.x, b.x), y0 = std::min(a.y, b.y);
-    uint32_t x1 = std::max(a.x + a.w, b.x + b.w), y1 = std::max(a.y + a.h, b.y + b.h);
-    return Rect{x0, y0, x1 - x0, y1 - y0};
-}
-
 bool touching(const Rect& a, const Rect& b) {
     return a.x <= b.x + b.w && b.x <= a.x + a.w && a.y <= b.y + b.h && b.y <= a.y + a.h;
 }
@@ -164,31 +157,28 @@ bool PatternFrames::draw(const FrameView& frame, const PatternClock& clock, uint
     }
     const PatternOverlay now(mSampling.srcW, mSampling.srcH, clock);
     bool ok = true;
-    // The glyphs that differ from those the buffer shows, from the first to the last.
+    // The glyphs that differ from those the buffer shows.
     for (uint32_t line = 0; line < 2; ++line) {
         const char* was = shown->lines[line];
         uint32_t len = std::max<uint32_t>(now.lineLen[line], static_cast<uint32_t>(strlen(was)));
-        uint32_t first = len, last = 0;
         for (uint32_t c = 0; c < len; ++c) {
             if (now.lines[line][c] != was[c]) {
-                first = std::min(first, c);
-                last = c;
+                ok &= paint(frame, now, mSampling.outputOf(now.cells(line, c, c)));
             }
         }
-        if (first < len) ok &= paint(frame, now, mSampling.outputOf(now.cells(line, first, last)));
         memcpy(shown->lines[line], now.lines[line], sizeof(shown->lines[line]));
     }
-    // The marker where it is now, and where it was in this buffer.
+    // The marker where it is now and not before, and where it was and is no longer. It only
+    // moves sideways, so a short move changes two strips.
     const Rect marker = now.marker(), was = shown->marker;
-    if (was.w == 0) {
+    if (was.w == 0 || was.y != marker.y || was.h != marker.h || was.w != marker.w ||
+        !touching(was, marker)) {
+        if (was.w != 0) ok &= paint(frame, now, mSampling.outputOf(was));
         ok &= paint(frame, now, mSampling.outputOf(marker));
-    } else if (was.x != marker.x || was.y != marker.y) {
-        if (touching(was, marker)) {
-            ok &= paint(frame, now, mSampling.outputOf(united(was, marker)));
-        } else {
-            ok &= paint(frame, now, mSampling.outputOf(was));
-            ok &= paint(frame, now, mSampling.outputOf(marker));
-        }
+    } else if (was.x != marker.x) {
+        const uint32_t left = std::min(was.x, marker.x), step = std::max(was.x, marker.x) - left;
+        ok &= paint(frame, now, mSampling.outputOf(Rect{left, marker.y, step, marker.h}));
+        ok &= paint(frame, now, mSampling.outputOf(Rect{left + marker.w, marker.y, step, marker.h}));
     }
     shown->marker = marker;
     return ok;

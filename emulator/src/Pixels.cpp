@@ -108,48 +108,80 @@ void renderPatternRegion(const PatternSampling& s, const PatternOverlay* overlay
                          const Rect& region, ArgbImage* out) {
     out->resize(region.w, region.h);
     if (region.w == 0 || region.h == 0) return;
+    constexpr uint32_t kMaxChars = sizeof(PatternOverlay::lines[0]);
     const uint32_t bandTop = barsEndRow(s.srcH);
     const uint32_t* sx = s.sx.data() + region.x;
+    // Per column of the region: the character under it and its glyph bit (0: none), and the
+    // columns the marker covers.
+    thread_local std::vector<uint8_t> charOf, bitOf;
+    uint32_t markerBegin = 0, markerEnd = 0;
+    const Glyph* glyphs[2][kMaxChars] = {};
+    if (overlay != nullptr) {
+        const PatternOverlay& o = *overlay;
+        for (uint32_t line = 0; line < 2; ++line) {
+            for (uint32_t c = 0; c < o.lineLen[line] && c < kMaxChars; ++c) {
+                glyphs[line][c] = glyphOf(o.lines[line][c]);
+            }
+        }
+        charOf.assign(region.w, 0);
+        bitOf.assign(region.w, 0);
+        for (uint32_t x = 0; x < region.w; ++x) {
+            if (sx[x] < o.textX) continue;
+            uint32_t col = (sx[x] - o.textX) / o.unit;
+            uint32_t ch = col / PatternOverlay::kCellWidth, bit = col % PatternOverlay::kCellWidth;
+            if (ch >= kMaxChars || bit >= PatternOverlay::kGlyphWidth) continue;
+            charOf[x] = static_cast<uint8_t>(ch);
+            bitOf[x] = static_cast<uint8_t>(0x10 >> bit);
+        }
+        markerBegin = static_cast<uint32_t>(std::lower_bound(sx, sx + region.w, o.markerX) - sx);
+        markerEnd = static_cast<uint32_t>(
+            std::lower_bound(sx, sx + region.w, uint64_t{o.markerX} + o.markerSize) - sx);
+    }
+    const uint32_t width = region.w;
+    // A band row depends only on the glyph row and on the marker being in it: rows repeating
+    // the previous one's are copied.
+    uint32_t previousKey = UINT32_MAX;
     for (uint32_t y = 0; y < region.h; ++y) {
         const uint32_t sy = s.sy[region.y + y];
         uint32_t* row = reinterpret_cast<uint32_t*>(out->data() + size_t{y} * out->stride());
         if (sy < bandTop) {
-            memcpy(row, s.bars.data() + region.x, size_t{region.w} * 4);
+            memcpy(row, s.bars.data() + region.x, size_t{width} * 4);
+            previousKey = UINT32_MAX;
             continue;
         }
-        std::fill(row, row + region.w, kBlack);
-        if (overlay == nullptr) continue;
+        if (overlay == nullptr) {
+            std::fill(row, row + width, kBlack);
+            continue;
+        }
         const PatternOverlay& o = *overlay;
-        // The text: which line and glyph row this is, then the glyph bits under each column.
+        uint32_t line = 2, glyphRow = 0;  // line 2: no text in this row
         if (sy >= o.textY) {
-            uint32_t line = (sy - o.textY) / (PatternOverlay::kLineHeight * o.unit);
-            uint32_t glyphRow =
-                (sy - o.textY - line * PatternOverlay::kLineHeight * o.unit) / o.unit;
-            if (line <= 1 && glyphRow < PatternOverlay::kGlyphHeight) {
-                uint8_t bits[24] = {};
-                for (uint32_t c = 0; c < o.lineLen[line]; ++c) {
-                    const Glyph* g = glyphOf(o.lines[line][c]);
-                    bits[c] = g != nullptr ? g->rows[glyphRow] : 0;
-                }
-                const uint32_t textEnd =
-                    o.textX + o.lineLen[line] * PatternOverlay::kCellWidth * o.unit;
-                for (uint32_t x = 0; x < region.w; ++x) {
-                    if (sx[x] < o.textX || sx[x] >= textEnd) continue;
-                    uint32_t col = (sx[x] - o.textX) / o.unit;
-                    uint32_t ch = col / PatternOverlay::kCellWidth;
-                    uint32_t bit = col % PatternOverlay::kCellWidth;
-                    if (bit < PatternOverlay::kGlyphWidth && ((bits[ch] >> (4 - bit)) & 1) != 0) {
-                        row[x] = kWhite;
-                    }
-                }
+            line = (sy - o.textY) / (PatternOverlay::kLineHeight * o.unit);
+            glyphRow = (sy - o.textY - line * PatternOverlay::kLineHeight * o.unit) / o.unit;
+            if (line > 1 || glyphRow >= PatternOverlay::kGlyphHeight) line = 2;
+        }
+        const bool marked = sy >= o.markerY && sy - o.markerY < o.markerSize;
+        const uint32_t key = (line == 2 ? 0 : 1 + line * 8 + glyphRow) * 2 + (marked ? 1 : 0);
+        if (key == previousKey) {
+            memcpy(row, reinterpret_cast<uint8_t*>(row) - out->stride(), size_t{width} * 4);
+            continue;
+        }
+        previousKey = key;
+        // The text: the glyph bits of this row under each column.
+        uint8_t bits[kMaxChars] = {};
+        if (line < 2) {
+            for (uint32_t c = 0; c < kMaxChars; ++c) {
+                const Glyph* g = glyphs[line][c];
+                bits[c] = g != nullptr ? g->rows[glyphRow] : 0;
             }
+        }
+        const uint8_t* charAt = charOf.data();
+        const uint8_t* bitAt = bitOf.data();
+        for (uint32_t x = 0; x < width; ++x) {
+            row[x] = (bits[charAt[x]] & bitAt[x]) != 0 ? kWhite : kBlack;
         }
         // The marker lies over everything else.
-        if (sy >= o.markerY && sy - o.markerY < o.markerSize) {
-            for (uint32_t x = 0; x < region.w; ++x) {
-                if (sx[x] >= o.markerX && sx[x] - o.markerX < o.markerSize) row[x] = kWhite;
-            }
-        }
+        if (marked) std::fill(row + markerBegin, row + markerEnd, kWhite);
     }
 }
 
