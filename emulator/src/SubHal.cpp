@@ -212,6 +212,9 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
     const auto period = std::chrono::nanoseconds(1000000000ll / std::max<uint32_t>(job->dstFps, 1));
     const bool pqBound = job->live && job->capPoint >= 2 && job->capPoint <= 8 && job->pqId >= 0 &&
                          job->pqId < kPqStreamCount;
+    // The live picture is made before the first period begins, which it would otherwise make
+    // late; holding it keeps it for the stream's life.
+    std::shared_ptr<const PatternFrames> picture = job->live ? PatternFrames::of(*job) : nullptr;
     // Frame k belongs to the period that starts k periods after `start`, and is late when it
     // is handed over after that period has ended.
     const auto start = Clock::now();
