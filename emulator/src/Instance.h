@@ -97,6 +97,11 @@ struct Instance {
     uint32_t heldMask = 0;
     uint32_t nextIndex = 0;
     uint64_t sourceFrames = 0;
+    // The stream's frame periods: period k starts k periods after streamStart; every period
+    // before nextPeriod has its frame or is counted as dropped.
+    std::chrono::steady_clock::time_point streamStart;
+    std::chrono::nanoseconds framePeriod{0};
+    uint64_t nextPeriod = 0;
     uint64_t produced = 0, delivered = 0, dropped = 0, late = 0, frameErrors = 0, continues = 0;
     uint64_t productionNs = 0;  // thread CPU time spent producing frames
 };

@@ -218,11 +218,16 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
     // Frame k belongs to the period that starts k periods after `start`, and is late when it
     // is handed over after that period has ended.
     const auto start = Clock::now();
-    uint64_t nextPeriod = 0;
     uint64_t sinceNotify = 0;
     std::vector<BufferPicture> shown(kMaxRingFrames);
     std::unique_lock<std::mutex> held(inst->lock);
     auto stopped = [&] { return inst->generation != generation; };
+    uint64_t& nextPeriod = inst->nextPeriod;
+    if (!stopped()) {
+        inst->streamStart = start;
+        inst->framePeriod = period;
+        nextPeriod = 0;
+    }
     while (!stopped()) {
         if (inst->changed.wait_until(held, start + period * nextPeriod, stopped)) break;
         // A late engine does not catch up with a burst: it works on the period it is in, and
@@ -533,6 +538,14 @@ uint32_t setFrameInfo(Instance& inst, const VX_CAPTURE_SrcFrameInfo_s& src,
     return kOk;
 }
 
+// Periods of the running stream that have ended while its engine was still busy: they have no
+// frame, though the engine has not counted them yet.
+uint64_t missedSoFar(const Instance& inst) {
+    if (!inst.streaming || inst.framePeriod.count() == 0) return 0;
+    uint64_t ended = static_cast<uint64_t>((Clock::now() - inst.streamStart) / inst.framePeriod);
+    return ended > inst.nextPeriod ? ended - inst.nextPeriod : 0;
+}
+
 void dumpInstance(int fd, Instance& inst, bool detail) {
     std::lock_guard<std::mutex> guard(inst.lock);
     dprintf(fd, "  0x%08x: %s\n", static_cast<uint32_t>(inst.id),
@@ -542,8 +555,8 @@ void dumpInstance(int fd, Instance& inst, bool detail) {
             ", dropped %" PRIu64 ", late %" PRIu64 ", frame errors %" PRIu64 ", callback %s\n",
             inst.streaming ? "streaming" : (inst.oncePending ? "capturing once" : "idle"),
             inst.ringFrames, static_cast<uint32_t>(__builtin_popcount(inst.heldMask)),
-            inst.produced, inst.delivered, inst.dropped, inst.late, inst.frameErrors,
-            inst.registration != nullptr ? "registered" : "none");
+            inst.produced, inst.delivered, inst.dropped + missedSoFar(inst), inst.late,
+            inst.frameErrors, inst.registration != nullptr ? "registered" : "none");
     if (detail && inst.job != nullptr) {
         const FrameLayout& l = inst.job->dstLayout;
         dprintf(fd, "    layout: pitch %u, Y %u bytes, C %u bytes at %u, frame stride %u\n",
@@ -573,7 +586,7 @@ bool getInstanceStats(int32_t captureId, InstanceStats* out) {
     std::lock_guard<std::mutex> guard(inst->lock);
     out->produced = inst->produced;
     out->delivered = inst->delivered;
-    out->dropped = inst->dropped;
+    out->dropped = inst->dropped + missedSoFar(*inst);
     out->late = inst->late;
     out->productionNs = inst->productionNs;
     out->ringFrames = inst->ringFrames;
