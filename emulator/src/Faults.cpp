@@ -49,12 +49,14 @@ struct ControlFile {
 std::mutex gLock;
 Fault gFaults[kEntryCount];
 uint32_t gDropEvery = 0;
+uint32_t gFrameDelayMs = 0;
 ControlFile gControl;
 bool gEnvironmentRead = false;
 
 void clearLocked() {
     for (Fault& fault : gFaults) fault = Fault();
     gDropEvery = 0;
+    gFrameDelayMs = 0;
 }
 
 bool parseUint(const std::string& text, uint32_t* value) {
@@ -145,6 +147,8 @@ void pollControlFileLocked() {
             ok = armLocked(a, b, c);
         } else if (verb == "drop-every") {
             ok = b.empty() && parseUint(a, &gDropEvery);
+        } else if (verb == "slow-frames") {
+            ok = b.empty() && parseUint(a, &gFrameDelayMs);
         } else if (verb == "clear") {
             clearLocked();
             ok = true;
@@ -200,6 +204,12 @@ void setDropEveryNth(uint32_t n) {
     gDropEvery = n;
 }
 
+void setFrameDelayMs(uint32_t ms) {
+    std::lock_guard<std::mutex> lock(gLock);
+    readEnvironmentLocked();
+    gFrameDelayMs = ms;
+}
+
 void clearFaults() {
     std::lock_guard<std::mutex> lock(gLock);
     readEnvironmentLocked();
@@ -231,6 +241,12 @@ uint32_t dropEveryNth() {
     return gDropEvery;
 }
 
+uint32_t frameDelayMs() {
+    std::lock_guard<std::mutex> lock(gLock);
+    prepareLocked();
+    return gFrameDelayMs;
+}
+
 std::string describeFaults() {
     std::lock_guard<std::mutex> lock(gLock);
     prepareLocked();
@@ -244,6 +260,9 @@ std::string describeFaults() {
                               : " on the next " + std::to_string(fault.remaining) + " call(s)\n");
     }
     if (gDropEvery != 0) text += "  drop every " + std::to_string(gDropEvery) + "th frame\n";
+    if (gFrameDelayMs != 0) {
+        text += "  every frame takes " + std::to_string(gFrameDelayMs) + " ms longer\n";
+    }
     if (!gControl.path.empty()) text += "  control file " + gControl.path + "\n";
     return text.empty() ? "  none\n" : text;
 }

@@ -1,4 +1,4 @@
-// Injected faults: failing entry calls and dropped frames.
+// Injected faults: failing entry calls, dropped frames and a slow engine.
 #pragma once
 
 #include <stdint.h>
@@ -13,6 +13,8 @@ namespace capture_emulator {
 uint32_t takeInjectedFault(Entry entry);
 // N of "drop every Nth frame"; 0 when off.
 uint32_t dropEveryNth();
+// Milliseconds every streamed frame takes on top of its production; 0 when off.
+uint32_t frameDelayMs();
 // One line per armed fault, for the state dump.
 std::string describeFaults();
 // Forgets every fault and reads the environment again at the next look.

@@ -23,7 +23,7 @@ uint64_t BufferRef::size() {
     return static_cast<uint64_t>(st.st_size);
 }
 
-uint8_t* BufferRef::span(uint64_t offset, uint64_t bytes) {
+uint8_t* BufferRef::span(uint64_t offset, uint64_t bytes, uint64_t* mapping) {
     std::lock_guard<std::mutex> guard(mLock);
     uint64_t now = size();
     if (bytes == 0 || offset > now || bytes > now - offset) return nullptr;
@@ -38,7 +38,9 @@ uint8_t* BufferRef::span(uint64_t offset, uint64_t bytes) {
         }
         mAddr = static_cast<uint8_t*>(addr);
         mMapped = now;
+        ++mMappings;
     }
+    if (mapping != nullptr) *mapping = mMappings;
     return mAddr + offset;
 }
 
@@ -73,17 +75,29 @@ std::string Job::describe() const {
 
 Instance::Instance(int32_t captureId) : id(captureId), opened(std::chrono::steady_clock::now()) {}
 
-uint32_t produceFrame(const Job& job, uint64_t offset, const PatternClock& clock) {
+uint32_t produceFrame(const Job& job, uint64_t offset, const PatternClock& clock,
+                      BufferPicture* shown) {
     if (job.dstFormat == nullptr || job.dstBuffer == nullptr) return kNotConfigured;
+    const FrameLayout& layout = job.dstLayout;
+    if (job.live) {
+        std::shared_ptr<const PatternFrames> frames = PatternFrames::of(job);
+        uint64_t mapping = 0;
+        uint8_t* luma = job.dstBuffer->span(offset, layout.lumaSize, &mapping);
+        uint8_t* chroma = layout.chromaSize != 0 ? job.dstBuffer->span(offset + layout.chromaOffset,
+                                                                       layout.chromaSize, &mapping)
+                                                 : nullptr;
+        if (luma == nullptr || (layout.chromaSize != 0 && chroma == nullptr)) {
+            return kBufferTooSmall;
+        }
+        return frames->draw(FrameView{luma, chroma, layout.pitch}, clock, mapping, shown) ? kOk
+                                                                                          : kFormat;
+    }
     const bool turned = job.rotation == 90 || job.rotation == 270;
     const uint32_t outW = turned ? job.dstHeight : job.dstWidth;
     const uint32_t outH = turned ? job.dstWidth : job.dstHeight;
 
     ArgbImage scaled;
-    if (job.live) {
-        scaled.resize(outW, outH);
-        renderPattern(job.srcWidth, job.srcHeight, job.crop, clock, &scaled);
-    } else {
+    {
         const FrameLayout& in = job.srcLayout;
         uint64_t lumaBytes = in.lumaSize, chromaBytes = in.chromaSize;
         uint8_t* luma = job.srcBuffer->span(job.srcLumaOffset, lumaBytes);
@@ -115,7 +129,6 @@ uint32_t produceFrame(const Job& job, uint64_t offset, const PatternClock& clock
         rotate(scaled, job.rotation, &turnedImage);
         out = &turnedImage;
     }
-    const FrameLayout& layout = job.dstLayout;
     uint8_t* luma = job.dstBuffer->span(offset, layout.lumaSize);
     uint8_t* chroma = layout.chromaSize != 0
                           ? job.dstBuffer->span(offset + layout.chromaOffset, layout.chromaSize)

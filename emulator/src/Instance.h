@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "PatternFrames.h"
 #include "Pixels.h"
 #include "VxCaptureHal.h"
 #include "capture_emulator/FrameLayout.h"
@@ -25,8 +26,9 @@ public:
     BufferRef& operator=(const BufferRef&) = delete;
 
     // The mapping when `bytes` at `offset` lie in the buffer as it is now, else null. The
-    // buffer is re-measured on every call: a client may have resized it.
-    uint8_t* span(uint64_t offset, uint64_t bytes);
+    // buffer is re-measured on every call: a client may have resized it. `mapping` gets a
+    // number that changes whenever the buffer is mapped anew.
+    uint8_t* span(uint64_t offset, uint64_t bytes, uint64_t* mapping = nullptr);
     // Current size, 0 when the descriptor is unusable.
     uint64_t size();
 
@@ -35,6 +37,7 @@ private:
     int mFd;
     uint8_t* mAddr = nullptr;
     size_t mMapped = 0;
+    uint64_t mMappings = 0;
 };
 
 // dup()s a client's descriptor when it names a buffer that can be mapped; null otherwise.
@@ -94,10 +97,18 @@ struct Instance {
     uint32_t heldMask = 0;
     uint32_t nextIndex = 0;
     uint64_t sourceFrames = 0;
-    uint64_t produced = 0, delivered = 0, dropped = 0, frameErrors = 0, continues = 0;
+    // The stream's frame periods: period k starts k periods after streamStart; every period
+    // before nextPeriod has its frame or is counted as dropped.
+    std::chrono::steady_clock::time_point streamStart;
+    std::chrono::nanoseconds framePeriod{0};
+    uint64_t nextPeriod = 0;
+    uint64_t produced = 0, delivered = 0, dropped = 0, late = 0, frameErrors = 0, continues = 0;
+    uint64_t productionNs = 0;  // thread CPU time spent producing frames
 };
 
-// Renders one frame of the job into the destination at `offset`; a status.
-uint32_t produceFrame(const Job& job, uint64_t offset, const PatternClock& clock);
+// Renders one frame of the job into the destination at `offset`; a status. `shown` (may be
+// null) is what the engine last drew into that buffer, kept up to date.
+uint32_t produceFrame(const Job& job, uint64_t offset, const PatternClock& clock,
+                      BufferPicture* shown = nullptr);
 
 }  // namespace capture_emulator

@@ -38,6 +38,42 @@ struct PatternClock {
 void renderPattern(uint32_t sourceWidth, uint32_t sourceHeight, const Rect& crop,
                    const PatternClock& clock, ArgbImage* out);
 
+// What the lower band shows at one moment, in source coordinates: two lines of 5x7 glyphs
+// (the frame counter, the stream time) and the marker square. Everything else in the band is
+// black.
+struct PatternOverlay {
+    static constexpr uint32_t kGlyphWidth = 5, kGlyphHeight = 7;  // in units
+    static constexpr uint32_t kCellWidth = 6, kLineHeight = 9;    // glyph plus gap
+
+    PatternOverlay(uint32_t sourceWidth, uint32_t sourceHeight, const PatternClock& clock);
+    // The glyphs first..last of a line.
+    Rect cells(uint32_t line, uint32_t first, uint32_t last) const;
+    Rect marker() const { return Rect{markerX, markerY, markerSize, markerSize}; }
+
+    uint32_t bandTop, unit, textX, textY;
+    char lines[2][24] = {};
+    uint32_t lineLen[2];
+    uint32_t markerX, markerY, markerSize;
+};
+
+// Which source pixel every output pixel of a crop scaled to outW x outH shows (sampled at
+// pixel centres, so a scaled picture keeps its proportions), and the bar colour of each column.
+struct PatternSampling {
+    PatternSampling(uint32_t sourceWidth, uint32_t sourceHeight, const Rect& crop,
+                    uint32_t outWidth, uint32_t outHeight);
+    // The output pixels whose samples lie in `source`; empty (w = h = 0) when none do.
+    Rect outputOf(const Rect& source) const;
+
+    uint32_t srcW, srcH, outW, outH;
+    std::vector<uint32_t> sx, sy;  // non-decreasing
+    std::vector<uint32_t> bars;    // libyuv ARGB
+};
+
+// Output pixels `region` of the pattern into `out` (resized to the region); a null overlay
+// leaves the band black.
+void renderPatternRegion(const PatternSampling& sampling, const PatternOverlay* overlay,
+                         const Rect& region, ArgbImage* out);
+
 // Plane pointers of a memory frame; the caller has checked that the frame lies in its buffer.
 struct FrameView {
     uint8_t* luma = nullptr;

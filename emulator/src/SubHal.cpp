@@ -1,4 +1,5 @@
 // The sixteen VX_CAPTURE_* entries of the emulated capture hardware.
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "EmuLog.h"
 #include "EmulatedPq.h"
@@ -106,8 +108,8 @@ uint32_t stopLocked(std::unique_lock<std::mutex>& held, Instance& inst) {
     retireWorker(held, inst);
     inst.heldMask = 0;
     if (wasStreaming) {
-        EMU_LOGI("0x%x stopped: %" PRIu64 " produced, %" PRIu64 " dropped", inst.id, inst.produced,
-                 inst.dropped);
+        EMU_LOGI("0x%x stopped: %" PRIu64 " produced, %" PRIu64 " dropped, %" PRIu64 " late",
+                 inst.id, inst.produced, inst.dropped, inst.late);
     }
     return kOk;
 }
@@ -199,19 +201,44 @@ void onceWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job,
     inst->changed.notify_all();
 }
 
+uint64_t threadCpuNs() {
+    timespec t = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000ull + static_cast<uint64_t>(t.tv_nsec);
+}
+
 void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job,
                   uint64_t generation) {
     const auto period = std::chrono::nanoseconds(1000000000ll / std::max<uint32_t>(job->dstFps, 1));
     const bool pqBound = job->live && job->capPoint >= 2 && job->capPoint <= 8 && job->pqId >= 0 &&
                          job->pqId < kPqStreamCount;
-    auto next = Clock::now();
+    // The live picture is made before the first period begins, which it would otherwise make
+    // late; holding it keeps it for the stream's life.
+    std::shared_ptr<const PatternFrames> picture = job->live ? PatternFrames::of(*job) : nullptr;
+    // Frame k belongs to the period that starts k periods after `start`, and is late when it
+    // is handed over after that period has ended.
+    const auto start = Clock::now();
     uint64_t sinceNotify = 0;
+    std::vector<BufferPicture> shown(kMaxRingFrames);
     std::unique_lock<std::mutex> held(inst->lock);
     auto stopped = [&] { return inst->generation != generation; };
+    uint64_t& nextPeriod = inst->nextPeriod;
+    if (!stopped()) {
+        inst->streamStart = start;
+        inst->framePeriod = period;
+        nextPeriod = 0;
+    }
     while (!stopped()) {
-        if (inst->changed.wait_until(held, next, stopped)) break;
-        // A late engine does not catch up with a burst: the next frame is one period away.
-        next = std::max(next + period, Clock::now());
+        if (inst->changed.wait_until(held, start + period * nextPeriod, stopped)) break;
+        // A late engine does not catch up with a burst: it works on the period it is in, and
+        // the periods it slept through have no frame.
+        const uint64_t current = static_cast<uint64_t>((Clock::now() - start) / period);
+        if (current > nextPeriod) {
+            inst->dropped += current - nextPeriod;
+            inst->sourceFrames += current - nextPeriod;
+        }
+        nextPeriod = current + 1;
+        const auto deadline = start + period * nextPeriod;
         uint64_t seq = ++inst->sourceFrames;
         uint32_t every = dropEveryNth();
         if (every != 0 && seq % every == 0) {
@@ -235,7 +262,13 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
         std::shared_ptr<const Registration> reg = inst->registration;
         PatternClock clock = clockOf(*inst, *job, seq);
         held.unlock();
-        uint32_t status = produceFrame(*job, uint64_t{index} * job->dstLayout.frameStride, clock);
+        const uint64_t cpuBefore = threadCpuNs();
+        uint32_t status =
+            produceFrame(*job, uint64_t{index} * job->dstLayout.frameStride, clock, &shown[index]);
+        const uint64_t cpuSpent = threadCpuNs() - cpuBefore;
+        if (uint32_t delay = frameDelayMs(); delay != 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        }
         if (pqBound && (sinceNotify == 0 || sinceNotify >= job->dstFps)) {
             emulatedPq()->notifyCapturePoints(job->pqId);
             sinceNotify = 0;
@@ -246,6 +279,8 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
             ++inst->produced;
         else
             ++inst->frameErrors;
+        inst->productionNs += cpuSpent;
+        if (Clock::now() > deadline) ++inst->late;
         // A registration replaced meanwhile still gets this frame, with the old sequence: the
         // receiver recognises it as late. One removed gets nothing.
         if (reg != nullptr && inst->registration != nullptr && !stopped()) {
@@ -503,17 +538,25 @@ uint32_t setFrameInfo(Instance& inst, const VX_CAPTURE_SrcFrameInfo_s& src,
     return kOk;
 }
 
+// Periods of the running stream that have ended while its engine was still busy: they have no
+// frame, though the engine has not counted them yet.
+uint64_t missedSoFar(const Instance& inst) {
+    if (!inst.streaming || inst.framePeriod.count() == 0) return 0;
+    uint64_t ended = static_cast<uint64_t>((Clock::now() - inst.streamStart) / inst.framePeriod);
+    return ended > inst.nextPeriod ? ended - inst.nextPeriod : 0;
+}
+
 void dumpInstance(int fd, Instance& inst, bool detail) {
     std::lock_guard<std::mutex> guard(inst.lock);
     dprintf(fd, "  0x%08x: %s\n", static_cast<uint32_t>(inst.id),
             inst.job != nullptr ? inst.job->describe().c_str() : "not configured");
     dprintf(fd,
             "    %s, ring %u, held %u, produced %" PRIu64 ", delivered %" PRIu64
-            ", dropped %" PRIu64 ", frame errors %" PRIu64 ", callback %s\n",
+            ", dropped %" PRIu64 ", late %" PRIu64 ", frame errors %" PRIu64 ", callback %s\n",
             inst.streaming ? "streaming" : (inst.oncePending ? "capturing once" : "idle"),
             inst.ringFrames, static_cast<uint32_t>(__builtin_popcount(inst.heldMask)),
-            inst.produced, inst.delivered, inst.dropped, inst.frameErrors,
-            inst.registration != nullptr ? "registered" : "none");
+            inst.produced, inst.delivered, inst.dropped + missedSoFar(inst), inst.late,
+            inst.frameErrors, inst.registration != nullptr ? "registered" : "none");
     if (detail && inst.job != nullptr) {
         const FrameLayout& l = inst.job->dstLayout;
         dprintf(fd, "    layout: pitch %u, Y %u bytes, C %u bytes at %u, frame stride %u\n",
@@ -543,7 +586,9 @@ bool getInstanceStats(int32_t captureId, InstanceStats* out) {
     std::lock_guard<std::mutex> guard(inst->lock);
     out->produced = inst->produced;
     out->delivered = inst->delivered;
-    out->dropped = inst->dropped;
+    out->dropped = inst->dropped + missedSoFar(*inst);
+    out->late = inst->late;
+    out->productionNs = inst->productionNs;
     out->ringFrames = inst->ringFrames;
     out->held = static_cast<uint32_t>(__builtin_popcount(inst->heldMask));
     out->streaming = inst->streaming;

@@ -11,6 +11,7 @@
 
 #include "Capture.h"
 #include "EmulatorTestUtil.h"
+#include "Instance.h"
 #include "capture_emulator/Emulator.h"
 #include "capture_emulator/FrameLayout.h"
 
@@ -119,6 +120,56 @@ TEST_F(SubHalTest, FrameInfoIsCheckedAndAnswersThePlaneOffsets) {
         VX_CAPTURE_PlaneOffset_s planes = {{0xFFFF, 0xFFFF}};
         EXPECT_EQ(VX_CAPTURE_SetCaptureFrameInfo(id, &s, &d, &planes), c.status);
         EXPECT_EQ(planes.u32Offset[1], c.status == kOk ? c.chroma : 0xFFFF);
+    }
+}
+
+// A live frame drawn over earlier ones in the same buffer is the frame drawn afresh.
+TEST(PatternFrames, RedrawnFramesEqualFreshOnesAndShowTheClock) {
+    const struct {
+        uint32_t format, srcW, srcH;
+        Rect crop;
+        uint32_t w, h, rotation;
+    } cases[] = {
+        {VX_CAPTURE_FMT_NV12, 1920, 1080, {0, 0, 1920, 1080}, 1280, 720, 0},
+        {VX_CAPTURE_FMT_NV21, 1920, 1080, {161, 91, 1600, 900}, 362, 642, 90},
+        {VX_CAPTURE_FMT_YUYV, 1280, 720, {0, 0, 1280, 720}, 1000, 562, 180},
+        {VX_CAPTURE_FMT_ARGB8888, 720, 480, {3, 5, 701, 471}, 250, 374, 270},
+        {VX_CAPTURE_FMT_NV16, 3840, 2160, {0, 0, 3840, 2160}, 960, 540, 0},
+        {VX_CAPTURE_FMT_RGB565, 640, 360, {0, 0, 640, 360}, 1282, 720, 0},
+    };
+    // Consecutive frames, then a jump that takes the marker far away.
+    const PatternClock clocks[] = {{41, 1234}, {42, 1251}, {43, 1268}, {900, 15001}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.format * 1000 + c.rotation);
+        Job job;
+        job.srcWidth = c.srcW;
+        job.srcHeight = c.srcH;
+        job.crop = c.crop;
+        job.dstFormat = findVxFormat(c.format);
+        job.dstWidth = c.w;
+        job.dstHeight = c.h;
+        job.rotation = c.rotation;
+        ASSERT_TRUE(computeFrameLayout(*job.dstFormat, c.w, c.h, 0, &job.dstLayout));
+        const FrameLayout& l = job.dstLayout;
+        MemBuffer buffer(l.frameStride);
+        job.dstBuffer = importBuffer(buffer.fd());
+        BufferPicture shown;
+        std::vector<uint8_t> previous;
+        for (const PatternClock& clock : clocks) {
+            ASSERT_EQ(produceFrame(job, 0, clock, &shown), 0u);
+            std::vector<uint8_t> drawn(buffer.data(), buffer.data() + l.lumaSize + l.chromaSize);
+            std::vector<uint8_t> fresh(drawn.size(), 0);
+            const bool turned = c.rotation == 90 || c.rotation == 270;
+            ArgbImage image, rotated;
+            image.resize(turned ? c.h : c.w, turned ? c.w : c.h);
+            renderPattern(c.srcW, c.srcH, c.crop, clock, &image);
+            rotate(image, c.rotation, &rotated);
+            ASSERT_TRUE(writeFrame(*job.dstFormat, rotated,
+                                   FrameView{fresh.data(), fresh.data() + l.chromaOffset, l.pitch}));
+            EXPECT_TRUE(drawn == fresh) << "frame " << clock.frameNumber;
+            EXPECT_TRUE(drawn != previous) << "frame " << clock.frameNumber;
+            previous = std::move(drawn);
+        }
     }
 }
 
@@ -247,6 +298,17 @@ TEST_F(StreamTest, HeldBuffersAreNeitherWrittenNorReusedAndDropsAreCounted) {
     EXPECT_EQ(frame(0), held[0]);
     EXPECT_EQ(frame(2), held[2]);
     EXPECT_EQ(VX_CAPTURE_FrameProcessDone(id, 3), static_cast<uint32_t>(kBadParameter));
+}
+
+TEST_F(StreamTest, PeriodsWithoutAFrameAreDroppedAndFramesAfterTheirPeriodLate) {
+    setFrameDelayMs(6);  // longer than the 4.2 ms period: every frame misses its period
+    int32_t id = start(8, returnAtOnce);
+    ASSERT_TRUE(waitDelivered(10));
+    ASSERT_EQ(VX_CAPTURE_CaptureStop(id), 0u);
+    InstanceStats s = stats(id);
+    EXPECT_EQ(s.late, s.produced);
+    // Each frame takes at least 1.4 periods; the periods between get no frame.
+    EXPECT_GE(s.dropped, s.produced / 3) << s.produced;
 }
 
 TEST_F(StreamTest, NothingIsDeliveredOnceUnregistrationReturns) {

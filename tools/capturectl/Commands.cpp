@@ -3,10 +3,12 @@
 #include <android-base/properties.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -316,6 +318,7 @@ struct StreamPlan {
 struct StreamResult {
     uint64_t received = 0;
     uint64_t errors = 0;
+    uint64_t returned = 0;  // buffers handed back, over which the latency is averaged
     double seconds = 0;
     double latencyAvgMs = 0, latencyMaxMs = 0;
     bool haveStats = false;
@@ -384,10 +387,11 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
             double t = std::chrono::duration<double>(now - start).count();
             capture_emulator::InstanceStats st;
             bool have = capture_emulator::getInstanceStats(id, &st);
-            fprintf(stderr, "\r  %llu frames  %.1f fps  latency %.2f ms  dropped %s   ",
+            fprintf(stderr, "\r  %llu frames  %.1f fps  latency %.2f ms  dropped %s  late %s   ",
                     static_cast<unsigned long long>(r.received), t > 0 ? r.received / t : 0.0,
                     returned != 0 ? latencySum / returned : 0.0,
-                    have ? std::to_string(st.dropped).c_str() : "n/a");
+                    have ? std::to_string(st.dropped).c_str() : "n/a",
+                    have ? std::to_string(st.late).c_str() : "n/a");
             lastPrint = now;
         }
     }
@@ -398,6 +402,7 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
     if (plan.progress) fprintf(stderr, "\n");
     if (ret != CaptureReturn::SUCCESS) refused("stopCapture", ret);
     r.latencyAvgMs = returned != 0 ? latencySum / returned : 0;
+    r.returned = returned;
     if (!plan.lastPng.empty() && !last.empty()) {
         savePng(plan.lastPng, f, layout, last.data(), s.dstW, s.dstH);
     }
@@ -409,8 +414,9 @@ void printStreamSummary(const StreamResult& r, const char* indent = "") {
            indent, static_cast<unsigned long long>(r.received), r.seconds,
            r.seconds > 0 ? r.received / r.seconds : 0.0, r.latencyAvgMs, r.latencyMaxMs);
     if (r.haveStats) {
-        printf("%sdropped %llu frames (hardware produced %llu, delivered %llu)\n", indent,
-               static_cast<unsigned long long>(r.stats.dropped),
+        printf("%sdropped %llu frames, %llu late (hardware produced %llu, delivered %llu)\n",
+               indent, static_cast<unsigned long long>(r.stats.dropped),
+               static_cast<unsigned long long>(r.stats.late),
                static_cast<unsigned long long>(r.stats.produced),
                static_cast<unsigned long long>(r.stats.delivered));
     } else {
@@ -420,6 +426,108 @@ void printStreamSummary(const StreamResult& r, const char* indent = "") {
         printf("%s%llu frames came with an error\n", indent,
                static_cast<unsigned long long>(r.errors));
     }
+}
+
+// The sums of several streams' results: latencies averaged over every returned buffer.
+StreamResult total(const std::vector<StreamResult>& results, double seconds) {
+    StreamResult all;
+    all.seconds = seconds;
+    all.haveStats = !results.empty();
+    double latencySum = 0;
+    for (const StreamResult& r : results) {
+        all.received += r.received;
+        all.errors += r.errors;
+        all.returned += r.returned;
+        latencySum += r.latencyAvgMs * static_cast<double>(r.returned);
+        all.latencyMaxMs = std::max(all.latencyMaxMs, r.latencyMaxMs);
+        all.haveStats = all.haveStats && r.haveStats;
+        all.stats.produced += r.stats.produced;
+        all.stats.delivered += r.stats.delivered;
+        all.stats.dropped += r.stats.dropped;
+        all.stats.late += r.stats.late;
+        all.stats.productionNs += r.stats.productionNs;
+    }
+    all.latencyAvgMs = all.returned != 0 ? latencySum / static_cast<double>(all.returned) : 0;
+    return all;
+}
+
+double cpuSeconds() {
+    rusage use = {};
+    getrusage(RUSAGE_SELF, &use);
+    return static_cast<double>(use.ru_utime.tv_sec + use.ru_stime.tv_sec) +
+           static_cast<double>(use.ru_utime.tv_usec + use.ru_stime.tv_usec) / 1e6;
+}
+
+// `count` capture instances streaming at once, each into a ring of its own; one summary of all.
+int streamMany(const Options& o, const Setup& s, const PixelFormatInfo& f,
+               const FrameLayout& layout, StreamPlan plan, uint32_t count) {
+    sp<ICapture> svc = service(o);
+    std::vector<std::unique_ptr<Buffer>> rings;
+    std::vector<std::unique_ptr<Instance>> instances;
+    for (uint32_t i = 0; i < count; ++i) {
+        rings.push_back(
+            std::make_unique<Buffer>(static_cast<size_t>(layout.frameStride) * plan.buffers));
+        if (!rings.back()->valid()) throw Failure{kExitRefused};
+        instances.push_back(std::make_unique<Instance>(svc));
+        configureLive(svc, instances.back()->id(), s, *rings.back());
+    }
+    printf("streaming %u x %ux%u %s at %u fps from capture point %u into %u buffers each\n", count,
+           s.dstW, s.dstH, f.name, s.dstFps, s.point, plan.buffers);
+    fflush(stdout);
+    const bool progress = plan.progress;
+    plan.progress = false;
+    std::vector<StreamResult> results(count);
+    std::vector<int> status(count, kExitOk);
+    std::atomic<uint32_t> running{count};
+    const double cpuBefore = cpuSeconds();
+    const auto start = Clock::now();
+    std::vector<std::thread> threads;
+    for (uint32_t i = 0; i < count; ++i) {
+        StreamPlan own = plan;
+        if (i != 0) own.lastPng.clear();
+        threads.emplace_back([&, i, own] {
+            try {
+                results[i] = runStream(svc, instances[i]->id(), s, own, *rings[i], f, layout);
+            } catch (const Failure& failure) {
+                status[i] = failure.status;
+            }
+            --running;
+        });
+    }
+    while (running.load() != 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        if (!progress) continue;
+        capture_emulator::InstanceStats sum, st;
+        for (const auto& inst : instances) {
+            if (!capture_emulator::getInstanceStats(inst->id(), &st)) continue;
+            sum.delivered += st.delivered;
+            sum.dropped += st.dropped;
+            sum.late += st.late;
+        }
+        double t = std::chrono::duration<double>(Clock::now() - start).count();
+        fprintf(stderr, "\r  %llu frames  %.1f fps in all  dropped %llu  late %llu   ",
+                static_cast<unsigned long long>(sum.delivered), t > 0 ? sum.delivered / t : 0.0,
+                static_cast<unsigned long long>(sum.dropped),
+                static_cast<unsigned long long>(sum.late));
+    }
+    for (std::thread& t : threads) t.join();
+    const double wall = std::chrono::duration<double>(Clock::now() - start).count();
+    const double cpu = cpuSeconds() - cpuBefore;
+    if (progress) fprintf(stderr, "\n");
+    for (int st : status) {
+        if (st != kExitOk) return st;
+    }
+    StreamResult all = total(results, wall);
+    printf("%u streams in all:\n", count);
+    printStreamSummary(all);
+    printf("received %.1f fps per stream\n", all.received / wall / count);
+    printf(
+        "CPU: the process %.1f%% of one core (user + system %.2f s over %.2f s); producing "
+        "frames %.1f%% (%.3f ms a frame)\n",
+        100 * cpu / wall, cpu, wall, 100 * (all.stats.productionNs / 1e9) / wall,
+        all.stats.produced != 0 ? all.stats.productionNs / 1e6 / all.stats.produced : 0.0);
+    if (!plan.lastPng.empty()) printf("last frame of the first stream: %s\n", plan.lastPng.c_str());
+    return kExitOk;
 }
 
 // -- commands -------------------------------------------------------------------------------
@@ -603,6 +711,11 @@ int cmdStream(const Options& o) {
     if (o.has("hold-ms")) plan.holdMs = parseNumber(o.get("hold-ms", ""), "hold time");
     plan.progress = !o.has("quiet");
     plan.lastPng = o.get("last", "");
+    uint32_t count = 1;
+    if (o.has("instances")) count = parseNumber(o.get("instances", ""), "instance count");
+    if (count == 0 || count > 32)
+        usageError("instances must be 1..32, not %s", std::to_string(count));
+    if (count > 1) return streamMany(o, s, f, layout, plan, count);
     sp<ICapture> svc = service(o);
     Buffer buffer(static_cast<size_t>(layout.frameStride) * plan.buffers);
     if (!buffer.valid()) throw Failure{kExitRefused};
@@ -931,9 +1044,11 @@ const std::vector<Command>& commands() {
              "  --seconds S        run for S seconds instead\n"
              "  --buffers K        buffers in the ring, 1..8 (default 4)\n"
              "  --hold-ms M        keep each buffer M ms before handing it back\n"
-             "  --last FILE        write the last frame as a PNG\n"
+             "  --last FILE        write the last frame as a PNG (of the first instance)\n"
+             "  --instances N      N capture instances stream at once, 1..32 (default 1): a\n"
+             "                     summary of all, with the process's CPU share\n"
              "  --quiet            no progress line\n",
-         with({"frames", "seconds", "buffers", "hold-ms", "last"}),
+         with({"frames", "seconds", "buffers", "hold-ms", "last", "instances"}),
          {"quiet"},
          [](const Options& o) { return guardedRun(cmdStream, o); }},
         {"dump",

@@ -11,7 +11,8 @@
 //   CAPTURE_EMU_DROP_EVERY=N                     every Nth frame of a stream is dropped
 //   CAPTURE_EMU_CONTROL=/path/to/file            a control file, re-read whenever it changes:
 //                                                lines "fail <Entry> <status> [count|*]",
-//                                                "drop-every <N>" and "clear"; '#' comments
+//                                                "drop-every <N>", "slow-frames <ms>" and
+//                                                "clear"; '#' comments
 #pragma once
 
 #include <stdint.h>
@@ -72,14 +73,19 @@ bool entryFromName(const std::string& name, Entry* entry);
 void failNextCalls(Entry entry, uint32_t status, uint32_t count = 1);
 // Every Nth frame a stream produces is dropped as a source glitch would; 0 turns it off.
 void setDropEveryNth(uint32_t n);
+// Every streamed frame takes `ms` longer to produce, as an engine that cannot keep up; 0 off.
+void setFrameDelayMs(uint32_t ms);
 void clearFaults();
 
 struct InstanceStats {
-    uint64_t produced = 0;    // frames written into the destination
-    uint64_t delivered = 0;   // completions handed to the registered entry
-    uint64_t dropped = 0;     // frames lost: no free buffer, or an injected drop
-    uint32_t ringFrames = 0;  // buffers of the current stream
-    uint32_t held = 0;        // buffers the client has not returned yet
+    uint64_t produced = 0;      // frames written into the destination
+    uint64_t delivered = 0;     // completions handed to the registered entry
+    uint64_t dropped = 0;       // frame periods without a frame: the engine missed the period,
+                                // found no free buffer, or an injected drop
+    uint64_t late = 0;          // frames handed over after their period had ended
+    uint64_t productionNs = 0;  // CPU time the engine spent producing the stream's frames
+    uint32_t ringFrames = 0;    // buffers of the current stream
+    uint32_t held = 0;          // buffers the client has not returned yet
     bool streaming = false;
 };
 // False when the identifier is not an open instance.
