@@ -10,7 +10,7 @@ scripts/install-deps.sh
 
 cmake -S . -B build/bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DCAPTURE_BENCHMARKS=ON \
       -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ > /dev/null
-cmake --build build/bench -j "$(nproc)" --target gpu_conversion_bench service_bench
+cmake --build build/bench -j "$(nproc)" --target gpu_conversion_bench service_bench emulator_bench
 
 export EGL_PLATFORM=surfaceless
 echo "=== $(date -u +%Y-%m-%d) on $(nproc) cores: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')"
