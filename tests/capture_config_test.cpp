@@ -638,6 +638,8 @@ TEST_F(DipCheckTest, SubHalWidthLimits) {
                   kLimits, kDip);
     limits.src_max_width = 0;
     expectVerdict("src_max_width(0) is invalid !!", kLimits, kDip);
+    limits.dst_max_width = 0;
+    expectVerdict("dst_max_width(0) is invalid !!", kLimits, kLimits);
     q.src_width = q.crop_width = q.dst_width = 1000;
     limits.src_width_align = 16;
     expectVerdict("src_width(1000) not align(16) !!", kLimits, kDip);
