@@ -12,7 +12,7 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
     if (value == nullptr) return -1;
     // The service reads a property on every capability query: keep the key's storage per thread
     // rather than allocating a string for each lookup.
-    thread_local std::string name;
+    static thread_local std::string name __attribute__((tls_model("initial-exec")));
     std::string current;
     if (key != nullptr) {
         name.assign(key);

@@ -44,29 +44,50 @@ constexpr FormatPair kGpuFormats[] = {
     {0x200000, 0x32315659},
 };
 
+// Every CaptureFormat is a single bit, so a table is indexed by the bit's position: the
+// capability query maps formats on every call.
+struct BitIndex {
+    bool known[32];
+    uint32_t mapped[32];
+};
+
 template <size_t N>
-bool lookUp(const FormatPair (&table)[N], uint32_t captureFormat, uint32_t* mapped) {
+constexpr BitIndex indexByBit(const FormatPair (&table)[N]) {
+    BitIndex index{};
     for (const FormatPair& pair : table) {
-        if (pair.captureFormat == captureFormat) {
-            *mapped = pair.mapped;
-            return true;
+        for (int bit = 0; bit < 32; ++bit) {
+            if (pair.captureFormat == (1u << bit)) {
+                index.known[bit] = true;
+                index.mapped[bit] = pair.mapped;
+            }
         }
     }
-    return false;
+    return index;
+}
+
+constexpr BitIndex kVxIndex = indexByBit(kVxFormats);
+constexpr BitIndex kGpuIndex = indexByBit(kGpuFormats);
+
+bool lookUp(const BitIndex& index, uint32_t captureFormat, uint32_t* mapped) {
+    if (captureFormat == 0 || (captureFormat & (captureFormat - 1)) != 0) return false;
+    const int bit = __builtin_ctz(captureFormat);
+    if (!index.known[bit]) return false;
+    *mapped = index.mapped[bit];
+    return true;
 }
 
 }  // namespace
 
 uint32_t formatMapping(uint32_t captureFormat) {
     uint32_t mapped = 0;
-    if (lookUp(kVxFormats, captureFormat, &mapped)) return mapped;
+    if (lookUp(kVxIndex, captureFormat, &mapped)) return mapped;
     CAPTURE_LOGW("dip can't support this format: 0x%x!", captureFormat);
     return kVxFormatUnknown;
 }
 
 uint32_t formatMappingGpu(uint32_t captureFormat) {
     uint32_t mapped = 0;
-    if (lookUp(kGpuFormats, captureFormat, &mapped)) return mapped;
+    if (lookUp(kGpuIndex, captureFormat, &mapped)) return mapped;
     CAPTURE_LOGW("gpu can't support this format: 0x%x!", captureFormat);
     return 0;
 }
