@@ -38,6 +38,8 @@ struct FormatDesc {
     int chromaDivY;
     // Bits of R, G, B, A (RGB) or Y, Cb, Cr (YUV); 0 for a channel the format lacks.
     int bits[4];
+    // RGB formats: where each channel starts in the little-endian pixel word.
+    int shift[4];
 };
 
 // The thirteen formats, in the order of the service's width alignment table.
@@ -45,15 +47,11 @@ const std::vector<FormatDesc>& allFormats();
 // Throws std::invalid_argument for a format that is not one of them.
 const FormatDesc& describe(uint32_t hal);
 
-// Conversion kind the service picks for a pair: 0 RGB->RGB, 1 RGB->YUV, 2 YUV->RGB, 3 YUV->YUV.
-int conversionKind(uint32_t srcFormat, uint32_t dstFormat);
-
 // Where the planes of a buffer lie, for a row stride in pixels.
 struct Layout {
     size_t rowBytes = 0;      // of the luma or packed plane
     size_t chromaOffset = 0;  // first chroma plane (interleaved CbCr, or YV12's Cr)
     size_t chromaRowBytes = 0;
-    size_t chromaRows = 0;
     size_t secondChromaOffset = 0;  // YV12's Cb plane
     size_t size = 0;                // bytes the layout needs
 };
@@ -78,22 +76,19 @@ struct Image {
     size_t index(int c, int x, int y) const { return static_cast<size_t>(y) * channelWidth(c) + x; }
 };
 
-Image makeImage(uint32_t format, int width, int height);
 // Smooth gradients, different in every channel and running in different directions, so that a
 // flipped axis, a quarter-turn, a transposed crop or swapped chroma moves values far beyond the
-// tolerance. Alpha varies too where the format keeps it. `seed` shifts the gradients.
-Image makePattern(uint32_t format, int width, int height, int seed = 0);
+// tolerance. Alpha varies too where the format keeps it.
+Image makePattern(uint32_t format, int width, int height);
 
 // Writes the width x height area of `image` into `memory` laid out as layoutOf() says; bytes
 // outside it (row padding, the unused half of an odd YUYV pair) are left alone.
 void pack(const Image& image, int stride, uint8_t* memory);
 Image unpack(uint32_t format, int width, int height, int stride, const uint8_t* memory);
 
-// Offsets of the bytes of `memory` that the width x height area does not own: row padding
-// of every plane. The unused bytes of the last group of an odd-width row are not listed.
-std::vector<size_t> paddingBytes(uint32_t format, int width, int height, int stride);
-
 struct Request {
+    uint32_t srcFormat = 0;
+    uint32_t dstFormat = 0;
     int srcWidth = 0;
     int srcHeight = 0;
     int dstWidth = 0;
@@ -103,7 +98,6 @@ struct Request {
     int cropWidth = 0;
     int cropHeight = 0;
     uint32_t rotation = 0;  // degrees
-    uint32_t dstFormat = 0;
 };
 
 struct Prediction {
@@ -117,23 +111,19 @@ struct Prediction {
 // The destination frame a conversion of `src` must produce.
 Prediction predict(const Image& src, const Request& request);
 
-// Largest difference allowed for a channel, in codes of that channel: 2 for 8-bit channels,
-// the same share of the range for wider ones (8 for 10 bits), one code for narrower ones (565,
-// the 2-bit alpha). Half floats: 2/255 (returned in 1/255 units, see Comparison).
-int toleranceCodes(uint32_t format, int c);
-
 struct Comparison {
     size_t compared = 0;  // samples compared
     size_t failing = 0;   // samples beyond the tolerance
     size_t uncoveredCompared = 0;
-    double worst = 0;     // worst difference, in codes of its channel (1/255 for half floats)
-    std::string worstAt;  // where, with expected and actual values
+    std::string worstAt;  // the worst sample, with expected and actual values
     bool ok() const { return failing == 0; }
     std::string describe() const;
 };
 
 // Compares every sample of `actual` with the prediction, skipping `border` pixels at each
-// edge, uncertain pixels and chroma samples whose block touches either.
+// edge, uncertain pixels and chroma samples whose block touches either. Largest difference
+// allowed: 2 codes for 8-bit channels, the same share of the range for wider ones (8 for 10
+// bits), one code for narrower ones (565, the 2-bit alpha), 2/255 for half floats.
 Comparison compare(const Prediction& expected, const Image& actual, int border);
 
 }  // namespace gpu_reference
