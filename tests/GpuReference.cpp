@@ -17,6 +17,8 @@ using Rgba = std::array<double, 4>;
 constexpr double kLumaOffset = 16.0 / 255.0;
 constexpr double kChromaOffset = 128.0 / 255.0;
 
+constexpr int kHalfFloat = 16;  // channel width marking IEEE half floats
+
 // The service turns degrees into radians with this single-precision constant, a hair below pi.
 constexpr float kRotationPi = 3.1415925f;
 
@@ -66,7 +68,6 @@ uint32_t code(double v, int bits) {
 
 // What a channel keeps in memory: a code, or half-float bits.
 uint32_t storedValue(const FormatDesc& f, int c, double v) {
-    if (f.bits[c] == 0) return 0;
     return f.bits[c] == kHalfFloat ? toHalfBits(v) : code(v, f.bits[c]);
 }
 
@@ -92,38 +93,43 @@ void putLittleEndian(uint8_t* p, uint64_t value, int bytes) {
     for (int b = 0; b < bytes; ++b) p[b] = static_cast<uint8_t>(value >> (8 * b));
 }
 
-// Sample k of a row of 8-bit samples, or of 10-bit ones packed four to a 40-bit little-endian
-// group of five bytes.
-uint32_t readSample(const uint8_t* row, int k, bool tenBit) {
-    if (!tenBit) return row[k];
-    return static_cast<uint32_t>((getLittleEndian(row + k / 4 * 5, 5) >> (10 * (k % 4))) & 0x3FF);
-}
-
-void writeSample(uint8_t* row, int k, bool tenBit, uint32_t value) {
-    if (!tenBit) {
-        row[k] = static_cast<uint8_t>(value);
-        return;
-    }
-    uint8_t* group = row + k / 4 * 5;
-    const int shift = 10 * (k % 4);
-    const uint64_t kept = getLittleEndian(group, 5) & ~(uint64_t{0x3FF} << shift);
-    putLittleEndian(group, kept | (uint64_t{value} << shift), 5);
-}
-
-// Where sample (x, y) of channel c of a YUV frame lies: the offset of its row and its index
-// in that row.
-struct Place {
-    size_t row;
-    int index;
+// Where a stored value lies: `bits` bits from bit `shift` of the little-endian word of `bytes`
+// bytes at `offset`.
+struct Field {
+    size_t offset;
+    int bytes;
+    int shift;
+    int bits;
 };
 
-Place placeOf(uint32_t format, const Layout& l, int c, int x, int y) {
-    if (c == 0) return {y * l.rowBytes, format == kYuyv ? 2 * x : x};
-    if (format == kYuyv) return {y * l.rowBytes, 4 * x + 2 * c - 1};  // Y0 Cb Y1 Cr
-    const size_t row = y * l.chromaRowBytes;
-    if (format == kYv12) return {(c == 1 ? l.secondChromaOffset : l.chromaOffset) + row, x};
-    const int crIndex = format == kNv21 ? 0 : 1;  // within its CbCr or CrCb pair
-    return {l.chromaOffset + row, 2 * x + (c == 2 ? crIndex : 1 - crIndex)};
+// Channel c of sample (x, y): an RGB pixel's channel, or a YUV sample of 8 bits or of 10 bits
+// packed four to a 40-bit group of five bytes.
+Field fieldOf(const FormatDesc& f, const Layout& l, int c, int x, int y) {
+    if (f.rgb) return {y * l.rowBytes + x * pixelBytes(f), pixelBytes(f), f.shift[c], f.bits[c]};
+    size_t row = y * l.rowBytes;
+    int k = f.hal == kYuyv ? 2 * x : x;  // index of the sample in its row
+    if (c != 0 && f.hal == kYuyv) {
+        k = 4 * x + 2 * c - 1;  // Y0 Cb Y1 Cr
+    } else if (c != 0 && f.hal == kYv12) {
+        row = (c == 1 ? l.secondChromaOffset : l.chromaOffset) + y * l.chromaRowBytes;
+    } else if (c != 0) {
+        const int crIndex = f.hal == kNv21 ? 0 : 1;  // within its CbCr or CrCb pair
+        row = l.chromaOffset + y * l.chromaRowBytes;
+        k = 2 * x + (c == 2 ? crIndex : 1 - crIndex);
+    }
+    if (isTenBit(f)) return {row + k / 4 * 5, 5, 10 * (k % 4), 10};
+    return {row + k, 1, 0, 8};
+}
+
+uint32_t readField(const uint8_t* memory, const Field& d) {
+    const uint64_t word = getLittleEndian(memory + d.offset, d.bytes);
+    return static_cast<uint32_t>((word >> d.shift) & ((uint64_t{1} << d.bits) - 1));
+}
+
+void writeField(uint8_t* memory, const Field& d, uint32_t value) {
+    const uint64_t mask = ((uint64_t{1} << d.bits) - 1) << d.shift;
+    const uint64_t kept = getLittleEndian(memory + d.offset, d.bytes) & ~mask;
+    putLittleEndian(memory + d.offset, kept | (uint64_t{value} << d.shift), d.bytes);
 }
 
 Image makeImage(uint32_t format, int width, int height) {
@@ -154,60 +160,46 @@ Rgba rgbToYuv(const Rgba& c) {
             clamp01(kChromaOffset + 0.439216 * c[0] - 0.367788 * c[1] - 0.071427 * c[2]), 1.0};
 }
 
-// The source as the shader's sampler presents it, one RGBA (or, for a YUV destination, YCbCr)
-// per pixel.
-std::vector<Rgba> present(const Image& src, bool keepYuv) {
+// Texel (x, y) of the source as the shader's sampler presents it: RGBA or, from a YUV source
+// to a YUV destination, YCbCr. No chroma interpolation: every pixel takes the sample of its
+// block.
+Rgba texel(const Image& src, bool keepYuv, int x, int y) {
     const FormatDesc& f = describe(src.format);
-    std::vector<Rgba> texels(static_cast<size_t>(src.width) * src.height);
-    for (int y = 0; y < src.height; ++y) {
-        for (int x = 0; x < src.width; ++x) {
-            Rgba& t = texels[static_cast<size_t>(y) * src.width + x];
-            if (f.rgb) {
-                t = {src.at(0, x, y), src.at(1, x, y), src.at(2, x, y), src.at(3, x, y)};
-                continue;
-            }
-            // No chroma interpolation: every pixel takes the sample of its block.
-            const double luma = src.at(0, x, y);
-            const double cb = src.at(1, x / f.chromaDivX, y / f.chromaDivY);
-            const double cr = src.at(2, x / f.chromaDivX, y / f.chromaDivY);
-            if (keepYuv) {
-                t = {luma, cb, cr, 1.0};
-            } else {
-                t = yuvToRgb(luma, cb, cr);
-                for (int c = 0; c < 3; ++c) t[c] = quantize(t[c], f.bits[0]);
-            }
-        }
-    }
-    return texels;
+    if (f.rgb) return {src.at(0, x, y), src.at(1, x, y), src.at(2, x, y), src.at(3, x, y)};
+    const double luma = src.at(0, x, y);
+    const double cb = src.at(1, x / f.chromaDivX, y / f.chromaDivY);
+    const double cr = src.at(2, x / f.chromaDivX, y / f.chromaDivY);
+    if (keepYuv) return {luma, cb, cr, 1.0};
+    Rgba t = yuvToRgb(luma, cb, cr);
+    for (int c = 0; c < 3; ++c) t[c] = quantize(t[c], f.bits[0]);
+    return t;
 }
 
 // GL_LINEAR with clamp to edge at texture coordinate (s, t).
-Rgba sampleBilinear(const std::vector<Rgba>& texels, int width, int height, double s, double t) {
-    const double u = s * width - 0.5;
-    const double v = t * height - 0.5;
+Rgba sampleBilinear(const Image& src, bool keepYuv, double s, double t) {
+    const double u = s * src.width - 0.5;
+    const double v = t * src.height - 0.5;
     const double fu = u - std::floor(u);
     const double fv = v - std::floor(v);
     auto clampIndex = [](double i, int n) {
         return static_cast<int>(std::min<double>(n - 1, std::max(0.0, i)));
     };
-    const int x0 = clampIndex(std::floor(u), width);
-    const int x1 = clampIndex(std::floor(u) + 1, width);
-    const int y0 = clampIndex(std::floor(v), height);
-    const int y1 = clampIndex(std::floor(v) + 1, height);
-    auto at = [&](int x, int y) -> const Rgba& {
-        return texels[static_cast<size_t>(y) * width + x];
-    };
+    const int x0 = clampIndex(std::floor(u), src.width);
+    const int x1 = clampIndex(std::floor(u) + 1, src.width);
+    const int y0 = clampIndex(std::floor(v), src.height);
+    const int y1 = clampIndex(std::floor(v) + 1, src.height);
+    const Rgba a = texel(src, keepYuv, x0, y0);
+    const Rgba b = texel(src, keepYuv, x1, y0);
+    const Rgba c = texel(src, keepYuv, x0, y1);
+    const Rgba d = texel(src, keepYuv, x1, y1);
     Rgba out;
-    for (int c = 0; c < 4; ++c) {
-        const double top = at(x0, y0)[c] * (1 - fu) + at(x1, y0)[c] * fu;
-        const double bottom = at(x0, y1)[c] * (1 - fu) + at(x1, y1)[c] * fu;
-        out[c] = top * (1 - fv) + bottom * fv;
+    for (int k = 0; k < 4; ++k) {
+        out[k] = (a[k] * (1 - fu) + b[k] * fu) * (1 - fv) + (c[k] * (1 - fu) + d[k] * fu) * fv;
     }
     return out;
 }
 
-}  // namespace
-
+// The thirteen formats, in the order of the service's width alignment table.
 const std::vector<FormatDesc>& allFormats() {
     static const std::vector<FormatDesc> formats = {
         {kYuyv, 0x1, "YUYV", false, 2, 1, {8, 8, 8, 0}, {}},
@@ -226,6 +218,8 @@ const std::vector<FormatDesc>& allFormats() {
     };
     return formats;
 }
+
+}  // namespace
 
 const FormatDesc& describe(uint32_t hal) {
     for (const FormatDesc& f : allFormats()) {
@@ -254,14 +248,6 @@ Layout layoutOf(uint32_t format, int height, int stride) {
         l.size += l.chromaRowBytes * chromaRows;
     }
     return l;
-}
-
-int Image::channelWidth(int c) const {
-    return (c == 0 || describe(format).rgb) ? width : chromaWidth;
-}
-
-int Image::channelHeight(int c) const {
-    return (c == 0 || describe(format).rgb) ? height : chromaHeight;
 }
 
 Image makePattern(uint32_t format, int width, int height) {
@@ -305,24 +291,11 @@ Image makePattern(uint32_t format, int width, int height) {
 void pack(const Image& image, int stride, uint8_t* memory) {
     const FormatDesc& f = describe(image.format);
     const Layout l = layoutOf(image.format, image.height, stride);
-    if (f.rgb) {
-        for (int y = 0; y < image.height; ++y) {
-            for (int x = 0; x < image.width; ++x) {
-                uint64_t word = 0;
-                for (int c = 0; c < 4; ++c) {
-                    word |= uint64_t{storedValue(f, c, image.at(c, x, y))} << f.shift[c];
-                }
-                putLittleEndian(memory + y * l.rowBytes + x * pixelBytes(f), word, pixelBytes(f));
-            }
-        }
-        return;
-    }
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 4; ++c) {
+        if (f.bits[c] == 0) continue;
         for (int y = 0; y < image.channelHeight(c); ++y) {
             for (int x = 0; x < image.channelWidth(c); ++x) {
-                const Place p = placeOf(image.format, l, c, x, y);
-                writeSample(memory + p.row, p.index, isTenBit(f),
-                            storedValue(f, c, image.at(c, x, y)));
+                writeField(memory, fieldOf(f, l, c, x, y), storedValue(f, c, image.at(c, x, y)));
             }
         }
     }
@@ -330,32 +303,22 @@ void pack(const Image& image, int stride, uint8_t* memory) {
 
 Image unpack(uint32_t format, int width, int height, int stride, const uint8_t* memory) {
     const FormatDesc& f = describe(format);
-    Image image = makeImage(format, width, height);
     const Layout l = layoutOf(format, height, stride);
+    Image image = makeImage(format, width, height);  // 1 in the channels the format lacks
     for (int c = 0; c < 4; ++c) {
-        if (f.bits[c] == 0) continue;  // reads as 1
+        if (f.bits[c] == 0) continue;
         for (int y = 0; y < image.channelHeight(c); ++y) {
             for (int x = 0; x < image.channelWidth(c); ++x) {
-                uint32_t stored;
-                if (f.rgb) {
-                    const uint8_t* pixel = memory + y * l.rowBytes + x * pixelBytes(f);
-                    const uint64_t word = getLittleEndian(pixel, pixelBytes(f));
-                    stored = static_cast<uint32_t>((word >> f.shift[c]) & ((1u << f.bits[c]) - 1));
-                } else {
-                    const Place p = placeOf(format, l, c, x, y);
-                    stored = readSample(memory + p.row, p.index, isTenBit(f));
-                }
-                image.at(c, x, y) = fromStored(f, c, stored);
+                image.at(c, x, y) = fromStored(f, c, readField(memory, fieldOf(f, l, c, x, y)));
             }
         }
     }
     return image;
 }
 
-Prediction predict(const Image& src, const Request& r) {
+Comparison compare(const Image& src, const Request& r, const Image& actual) {
     const FormatDesc& df = describe(r.dstFormat);
     const bool toYuv = describe(src.format).rgb && !df.rgb;
-    const std::vector<Rgba> texels = present(src, !df.rgb);
     // What the render target keeps per channel.
     const int targetBits = r.dstFormat == kRgbaFp16                        ? kHalfFloat
                            : (r.dstFormat == kRgba1010102 || isTenBit(df)) ? 10
@@ -376,35 +339,33 @@ Prediction predict(const Image& src, const Request& r) {
     };
     const bool rightAngle = r.rotation % 90 == 0;
 
-    Prediction out;
-    out.image = makeImage(r.dstFormat, w, h);
-    out.covered.assign(static_cast<size_t>(w) * h, 0);
-    out.uncertain.assign(static_cast<size_t>(w) * h, 0);
-    // What the render target holds per pixel.
+    // Per destination pixel: what the render target holds, whether the turned quad covers it,
+    // and whether that is too close to an edge of the quad to call.
     std::vector<Rgba> stored(static_cast<size_t>(w) * h);
+    std::vector<uint8_t> covered(stored.size());
+    std::vector<uint8_t> uncertain(stored.size());
     for (int j = 0; j < h; ++j) {
         for (int i = 0; i < w; ++i) {
             const size_t p = static_cast<size_t>(j) * w + i;
             double mx;
             double my;
-            const bool covered = modelAt(i + 0.5, j + 0.5, &mx, &my);
-            out.covered[p] = covered;
+            covered[p] = modelAt(i + 0.5, j + 0.5, &mx, &my);
             // Between right angles, a pixel whose neighbourhood straddles an edge of the turned
             // quad may be rasterised either way.
             for (int dy = -1; !rightAngle && dy <= 1; ++dy) {
                 for (int dx = -1; dx <= 1; ++dx) {
                     double ex;
                     double ey;
-                    if (modelAt(i + 0.5 + dx, j + 0.5 + dy, &ex, &ey) != covered) {
-                        out.uncertain[p] = 1;
+                    if (modelAt(i + 0.5 + dx, j + 0.5 + dy, &ex, &ey) != covered[p]) {
+                        uncertain[p] = 1;
                     }
                 }
             }
             Rgba value = {0.0, 0.0, 0.0, 1.0};  // the clear colour, as written
-            if (covered) {
+            if (covered[p]) {
                 const double s = (r.cropX + (mx + 1) / 2 * r.cropWidth) / r.srcWidth;
                 const double t = (r.cropY + (my + 1) / 2 * r.cropHeight) / r.srcHeight;
-                value = sampleBilinear(texels, r.srcWidth, r.srcHeight, s, t);
+                value = sampleBilinear(src, !df.rgb, s, t);
                 if (toYuv) value = rgbToYuv(value);
             }
             for (int c = 0; c < 4; ++c) value[c] = quantize(value[c], targetBits);
@@ -412,68 +373,42 @@ Prediction predict(const Image& src, const Request& r) {
         }
     }
 
-    // Write-back into the destination's own precision; chroma as the mean of its block.
+    // Written back in the destination's own precision, chroma as the mean of its block, and
+    // compared sample by sample.
+    const bool whole = r.srcWidth == w && r.srcHeight == h && r.cropWidth == w &&
+                       r.cropHeight == h && r.rotation == 0;
+    const int border = whole ? 0 : 2;
+    Comparison result;
+    double worstRatio = -1;
     for (int c = 0; c < 4; ++c) {
         if (df.bits[c] == 0) continue;
         const bool full = df.rgb || c == 0;
         const int divX = full ? 1 : df.chromaDivX;
         const int divY = full ? 1 : df.chromaDivY;
-        for (int y = 0; y < out.image.channelHeight(c); ++y) {
-            for (int x = 0; x < out.image.channelWidth(c); ++x) {
+        // Differences in codes of the channel; half floats in 1/255.
+        const double scale = df.bits[c] == kHalfFloat ? 255.0 : maxCode(df.bits[c]);
+        const int tolerance = df.bits[c] == kHalfFloat ? 2
+                              : df.bits[c] < 8         ? 1
+                                               : static_cast<int>(std::lround(2 * scale / 255));
+        for (int y = 0; y < actual.channelHeight(c); ++y) {
+            for (int x = 0; x < actual.channelWidth(c); ++x) {
                 double sum = 0;
                 int n = 0;
-                for (int j = y * divY; j < std::min(h, (y + 1) * divY); ++j) {
-                    for (int i = x * divX; i < std::min(w, (x + 1) * divX); ++i, ++n) {
-                        sum += stored[static_cast<size_t>(j) * w + i][c];
-                    }
-                }
-                out.image.at(c, x, y) = quantize(sum / n, df.bits[c]);
-            }
-        }
-    }
-    return out;
-}
-
-std::string Comparison::describe() const {
-    char text[96];
-    snprintf(text, sizeof(text), "%zu of %zu samples beyond the tolerance; worst ", failing,
-             compared);
-    return text + worstAt;
-}
-
-Comparison compare(const Prediction& expected, const Image& actual, int border) {
-    const Image& e = expected.image;
-    const FormatDesc& f = describe(e.format);
-    Comparison result;
-    double worstRatio = -1;
-    const int w = e.width;
-    const int h = e.height;
-    for (int c = 0; c < 4; ++c) {
-        if (f.bits[c] == 0) continue;
-        const bool full = f.rgb || c == 0;
-        const int divX = full ? 1 : f.chromaDivX;
-        const int divY = full ? 1 : f.chromaDivY;
-        // Differences in codes of the channel; half floats in 1/255.
-        const double scale = f.bits[c] == kHalfFloat ? 255.0 : maxCode(f.bits[c]);
-        const int tolerance = f.bits[c] == kHalfFloat ? 2
-                              : f.bits[c] < 8         ? 1
-                                              : static_cast<int>(std::lround(2 * scale / 255));
-        for (int y = 0; y < e.channelHeight(c); ++y) {
-            for (int x = 0; x < e.channelWidth(c); ++x) {
                 bool skip = false;
                 bool uncovered = false;
                 for (int j = y * divY; j < std::min(h, (y + 1) * divY); ++j) {
-                    for (int i = x * divX; i < std::min(w, (x + 1) * divX); ++i) {
+                    for (int i = x * divX; i < std::min(w, (x + 1) * divX); ++i, ++n) {
                         const size_t p = static_cast<size_t>(j) * w + i;
+                        sum += stored[p][c];
                         skip = skip || i < border || j < border || i >= w - border ||
-                               j >= h - border || expected.uncertain[p];
-                        uncovered = uncovered || !expected.covered[p];
+                               j >= h - border || uncertain[p];
+                        uncovered = uncovered || !covered[p];
                     }
                 }
                 if (skip) continue;
                 ++result.compared;
                 if (uncovered && c == 0) ++result.uncoveredCompared;
-                const double want = e.at(c, x, y) * scale;
+                const double want = quantize(sum / n, df.bits[c]) * scale;
                 const double got = actual.at(c, x, y) * scale;
                 const double diff = std::fabs(want - got);
                 if (diff > tolerance + 1e-6) ++result.failing;
@@ -483,7 +418,7 @@ Comparison compare(const Prediction& expected, const Image& actual, int border) 
                     snprintf(text, sizeof(text),
                              "channel %d of %s (%d, %d): expected %.2f, got %.2f (tolerance %d)", c,
                              full ? "pixel" : "chroma sample", x, y, want, got, tolerance);
-                    result.worstAt = text;
+                    result.worst = text;
                 }
             }
         }

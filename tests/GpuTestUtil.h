@@ -22,11 +22,6 @@ namespace gpu_test {
 // CPU read and write, GPU texture and render target, composer: what a capture client asks for.
 constexpr uint32_t kClientUsage = 0x02001B33;
 
-// Mesa's driver stays loaded for the whole test process.
-inline void keepMesaDriverLoaded() {
-    host_gl::keepDriverLoaded();
-}
-
 // While alive, the host graphics layer leaves images and shaders to Mesa alone, as on a platform
 // without native-buffer images and the YUV target.
 struct HostGlLayerOff {

@@ -1,11 +1,8 @@
 // Frame dump files, and captureOnce's GPU branch run with real buffers on Mesa.
 #include <android-base/properties.h>
-#include <malloc.h>
 #include <sys/stat.h>
 #include <ui/GrallocPrivate.h>
 
-#include <algorithm>
-#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -165,7 +162,7 @@ constexpr int kSlot = 5;
 class GpuCaptureTest : public ServiceTest {
 protected:
     void SetUp() override {
-        gpu_test::keepMesaDriverLoaded();
+        host_gl::keepDriverLoaded();
         ServiceTest::SetUp();
     }
 
@@ -204,12 +201,9 @@ TEST_F(GpuCaptureTest, ClearsTheFlagOnceConvertedAndKeepsItWhenRefused) {
     EXPECT_EQ(0, mUseGpu[kSlot]);
     EXPECT_EQ(nullptr, mDstFrameInfo[kSlot].buffer.getNativeHandle());
     keepRows(CaptureFormat::NV12, CaptureFormat::ARGB2101010);
-    log.clear();
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, captureOnce());
     EXPECT_EQ(1, mUseGpu[kSlot]);
     EXPECT_EQ(nullptr, mSrcFrameInfo[kSlot].buffer.getNativeHandle());
-    EXPECT_EQ(1u, log.countExact("mFeaturein->src_format[21], mFeaturein->dst_format[0]"));
-    EXPECT_EQ(1u, log.count("GPU Not Support!!!"));
     // Every clone made for the conversions is closed again.
     EXPECT_EQ(fds, countOpenFds());
 
@@ -254,46 +248,6 @@ TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndNeverReadsPastThem) {
                "gpu_output-0002_640x360_RGBA8888.raw"}),
         folder.files());
     EXPECT_EQ(1u, log.count("eglCreateImageKHR of a 1916x4096 buffer failed")) << log.dump();
-}
-
-// What the EGL implementation itself keeps per display initialisation, measured the same way.
-void bareEglCycle() {
-    EGLDisplay display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
-    eglInitialize(display, nullptr, nullptr);
-    const EGLint attribs[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    EGLContext context = eglCreateContext(display, nullptr, EGL_NO_CONTEXT, attribs);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, context);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglDestroyContext(display, context);
-    eglTerminate(display);
-}
-
-TEST_F(GpuCaptureTest, ManyConversionsLeakNoDescriptorAndNoHeap) {
-    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 0u, __ATOMIC_RELAXED);
-    const auto heapInUse = []() { return static_cast<long long>(mallinfo2().uordblks); };
-    const auto convert = [&]() {
-        keepRows();
-        ASSERT_EQ(CaptureReturn::SUCCESS, captureOnce());
-        log.clear();  // failed GL calls are logged whatever the level
-    };
-    // Mesa fills its caches over the first few dozen rounds.
-    for (int i = 0; i < 30; ++i) convert();
-    const int fds = countOpenFds();
-
-    // Conversions may cost the heap what bare EGL set-ups cost, nothing of their own. Mesa's
-    // allocations come in bursts, so each cost is the least of four tries: a leak shows in all.
-    long long eglCost = LLONG_MAX;
-    long long conversionCost = LLONG_MAX;
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        const long long start = heapInUse();
-        for (int i = 0; i < 50; ++i) bareEglCycle();
-        const long long afterEgl = heapInUse();
-        for (int i = 0; i < 50; ++i) convert();
-        eglCost = std::min(eglCost, afterEgl - start);
-        conversionCost = std::min(conversionCost, heapInUse() - afterEgl);
-    }
-    EXPECT_LE(conversionCost, eglCost + 1024);
-    EXPECT_EQ(fds, countOpenFds());
 }
 
 }  // namespace

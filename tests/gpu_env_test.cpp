@@ -1,7 +1,5 @@
 // The GPU path's environment on Mesa without the host graphics layer, as on a platform whose
-// driver lacks the YUV target, and without any driver; its entry points' refusals.
-#include <unistd.h>
-
+// driver lacks the YUV target; its entry points' refusals.
 #include "GpuTestUtil.h"
 
 namespace {
@@ -10,7 +8,7 @@ using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 
 class GpuEnvTest : public ::testing::Test {
 protected:
-    void SetUp() override { gpu_test::keepMesaDriverLoaded(); }
+    void SetUp() override { host_gl::keepDriverLoaded(); }
     LogCapture log;
 };
 
@@ -20,11 +18,6 @@ TEST_F(GpuEnvTest, WithoutTheYuvTargetTheDriversRefusalIsLoggedAndTheEnvironment
     GpuDrawing env;
     ASSERT_EQ(1u, env.egl_init_env()) << log.dump();
     EXPECT_EQ(env.context, eglGetCurrentContext());
-    // No 16-sample config: the context is made without one, and the pbuffer needing one refused.
-    EXPECT_EQ(1u, log.countExact("eglGetConfigs numConfigs=0\n"));
-    EXPECT_EQ(1u, log.count("Call EGL API result is not GL_TRUE in tv/hardware/interfaces/"
-                            "capture/1.0/default/gpu/gpu_draw,egl_init_env,"))
-        << log.dump();
 
     for (int32_t type = 0; type <= 3; ++type) {
         SCOPED_TRACE("type " + std::to_string(type));
@@ -44,25 +37,6 @@ TEST_F(GpuEnvTest, WithoutTheYuvTargetTheDriversRefusalIsLoggedAndTheEnvironment
     EXPECT_EQ(1u, env.egl_cleanup());
     EXPECT_EQ(EGL_NO_DISPLAY, env.display);
     EXPECT_EQ(EGL_NO_CONTEXT, eglGetCurrentContext());
-}
-
-// In a child process whose EGL finds no driver, so that no context can be made current.
-TEST(GpuEnvNoDriverTest, EnvironmentWithoutContextIsStillHandedOutAndDraws) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto child = []() {
-        setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent/egl_vendor.json", 1);
-        GpuPhotoFeatureIn feature(nullptr, nullptr);
-        feature.srcWidth = feature.srcHeight = feature.dstWidth = feature.dstHeight = 16;
-        GpuDrawing probe;
-        GpuDrawing* drawing = nullptr;
-        const bool ok = probe.egl_init_env() == 0 && probe.display == EGL_NO_DISPLAY &&
-                        gpu_init_drawing_env(GPU_COVERT_RGB_TO_RGB, &drawing) == 1 &&
-                        drawing->context == EGL_NO_CONTEXT &&
-                        gpu_draw_frame(&feature, drawing) == 1;
-        gpu_deinit_drawing_env(drawing);
-        _exit(ok ? 0 : 1);
-    };
-    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(GpuEnvTest, EntryPointsOwnWhatTheyMakeAndRefuseWhatCannotBeDrawn) {
