@@ -79,8 +79,8 @@ struct Image {
 // tolerance. Alpha varies too where the format keeps it.
 Image makePattern(uint32_t format, int width, int height);
 
-// Writes the width x height area of `image` into `memory` laid out as layoutOf() says; bytes
-// outside it (row padding, the unused half of an odd YUYV pair) are left alone.
+// Writes the width x height area of `image` into `memory` laid out with a row stride of `stride`
+// pixels; bytes outside it (row padding, the unused half of an odd YUYV pair) are left alone.
 void pack(const Image& image, int stride, uint8_t* memory);
 Image unpack(uint32_t format, int width, int height, int stride, const uint8_t* memory);
 
@@ -99,10 +99,10 @@ struct Request {
 };
 
 struct Comparison {
-    size_t compared = 0;  // samples compared
-    size_t failing = 0;   // samples beyond the tolerance
-    size_t uncoveredCompared = 0;
-    std::string worst;  // the worst sample, with expected and actual values
+    size_t compared = 0;           // samples compared
+    size_t failing = 0;            // samples beyond the tolerance
+    size_t uncoveredCompared = 0;  // of them, luma or RGB samples outside the turned quad
+    std::string worst;             // the worst sample, with expected and actual values
 };
 
 // Compares every sample of `actual` with what the conversion of `src` must produce. Largest

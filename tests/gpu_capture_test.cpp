@@ -39,11 +39,6 @@ sp<GraphicBuffer> makeFilledBuffer(uint32_t width, uint32_t height, int32_t form
     return filled ? buffer : nullptr;
 }
 
-std::vector<uint8_t> readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
-
 // A temporary folder that CAPTURE_DUMP_DIR points at while alive, with dumping switched on.
 struct DumpFolder {
     DumpFolder() {
@@ -57,6 +52,10 @@ struct DumpFolder {
             names.insert(entry.path().filename());
         }
         return names;
+    }
+    std::vector<uint8_t> read(const std::string& name) const {
+        std::ifstream in(path + name, std::ios::binary);
+        return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
     }
 
     const std::string path = []() {
@@ -97,8 +96,10 @@ TEST(DumpFormatTest, EveryRowOfTheTableAndNothingOutsideIt) {
         EXPECT_EQ(expectedPitch, pitch);
         EXPECT_EQ(expectedSize, size);
         EXPECT_STREQ(expectedName, name);
+        // A row of the table logs nothing; any other format one error line.
         const std::string error = "can't find this format: " + std::to_string(format) + "!";
         EXPECT_EQ(expectedPitch == 0 ? 1u : 0u, log.countExact(error));
+        EXPECT_EQ(expectedPitch == 0 ? 1u : 0u, log.lines().size()) << log.dump();
     }
 }
 
@@ -129,8 +130,7 @@ TEST_F(DumpDataTest, NamesCarryPrefixCounterPitchWhenItDiffersSizeAndFormat) {
                      "gpu_output-0001_1920x1080_NV12.raw", "gpu_output-0001_16x2_RGBA8888.raw",
                      "gpu_output-9999_1920x1080_NV12.raw", "p-0007_s3000_1920x4_YC420_10B.raw"}),
               folder.files());
-    const std::string input = folder.path + "gpu_intput-0001_s1920_1916x1080_NV12.raw";
-    EXPECT_EQ(frame, readFile(input));
+    EXPECT_EQ(frame, folder.read("gpu_intput-0001_s1920_1916x1080_NV12.raw"));
 }
 
 TEST_F(DumpDataTest, NothingIsWrittenForAPropertyOtherThanOneOrABadFrame) {
@@ -149,6 +149,9 @@ TEST_F(DumpDataTest, NothingIsWrittenForAPropertyOtherThanOneOrABadFrame) {
     setenv("CAPTURE_DUMP_DIR", deep.c_str(), 1);
     EXPECT_EQ(0u, DumpInputData(64, 16, 2, 1, frame.data()));
     EXPECT_EQ(0, rmdir(deep.c_str()));
+    // A folder that is not there.
+    setenv("CAPTURE_DUMP_DIR", (folder.path + "gone/").c_str(), 1);
+    EXPECT_EQ(0u, DumpOutputData(64, 16, 2, 1, frame.data()));
     EXPECT_TRUE(folder.files().empty());
     EXPECT_EQ(1u, dump_input_index.load());
     EXPECT_EQ(1u, dump_output_index.load());
@@ -229,14 +232,13 @@ TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndNeverReadsPastThem) {
         EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce());
     }
     // The whole NV12 frame with its 1920-byte stride, as the client filled it.
-    const std::string input = folder.path + "gpu_intput-0001_s1920_1916x1080_NV12.raw";
-    EXPECT_TRUE(pattern(1920 * 1080 * 3 / 2, 3) == readFile(input));
+    EXPECT_TRUE(pattern(1920 * 1080 * 3 / 2, 3) ==
+                folder.read("gpu_intput-0001_s1920_1916x1080_NV12.raw"));
     // Mesa has no Android native-buffer images: both are refused and logged, the draw goes on,
     // and the destination read back still holds what the client put there.
     EXPECT_EQ(2u, log.count("eglCreateImageKHR of a ")) << log.dump();
     EXPECT_EQ(ANDROID_LOG_ERROR, log.find("glCheckFramebufferStatus() error: ").priority);
-    const std::string output = folder.path + "gpu_output-0001_640x360_RGBA8888.raw";
-    EXPECT_TRUE(pattern(640 * 360 * 4, 4) == readFile(output));
+    EXPECT_TRUE(pattern(640 * 360 * 4, 4) == folder.read("gpu_output-0001_640x360_RGBA8888.raw"));
 
     // A source claiming more rows than its memory holds is neither dumped nor sampled.
     log.clear();

@@ -1,5 +1,7 @@
 // The GPU path's environment on Mesa without the host graphics layer, as on a platform whose
 // driver lacks the YUV target; its entry points' refusals.
+#include <gmock/gmock.h>
+
 #include "GpuTestUtil.h"
 
 namespace {
@@ -29,6 +31,8 @@ TEST_F(GpuEnvTest, WithoutTheYuvTargetTheDriversRefusalIsLoggedAndTheEnvironment
         const LogLine refused = log.find("[gles_compile_shaders(");
         EXPECT_EQ(ANDROID_LOG_ERROR, refused.priority) << log.dump();
         EXPECT_NE(std::string::npos, refused.message.find("GL_EXT_YUV_target"));
+        // The driver's text and nothing after it.
+        EXPECT_THAT(refused.message, ::testing::MatchesRegex("[[:print:]\n]*"));
         EXPECT_EQ(1u, log.count("[gles_link_program("));
         EXPECT_EQ(1u, log.count("OpenGL error 0x0502 in tv/hardware/interfaces/capture/1.0/"
                                 "default/gpu/gpu_draw,gles_init_shaders,"));

@@ -1,6 +1,5 @@
 // Pixels of the GPU path: conversions run through captureOnce on Mesa and the destination
-// buffers compared with the CPU model of GpuReference.h.
-// The tolerances are the model's (see compare()).
+// buffers compared with the CPU model of GpuReference.h, within its tolerances.
 #include <ui/GrallocPrivate.h>
 
 #include <algorithm>
