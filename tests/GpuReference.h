@@ -26,8 +26,6 @@ constexpr uint32_t kRgbaFp16 = 22;
 constexpr uint32_t kYv12 = 0x32315659;
 constexpr uint32_t kRgba1010102 = 43;
 
-constexpr int kHalfFloat = 16;  // channel width marking IEEE half floats
-
 struct FormatDesc {
     uint32_t hal;
     uint32_t captureFormat;  // the interface's CaptureFormat bit that the service maps to it
@@ -36,24 +34,21 @@ struct FormatDesc {
     // Pixels per chroma sample across and down (1, 1 for RGB formats).
     int chromaDivX;
     int chromaDivY;
-    // Bits of R, G, B, A (RGB) or Y, Cb, Cr (YUV); 0 for a channel the format lacks.
+    // Bits of R, G, B, A (RGB) or Y, Cb, Cr (YUV); 0 for a channel the format lacks, 16 for
+    // half floats.
     int bits[4];
+    // RGB formats: where each channel starts in the little-endian pixel word.
+    int shift[4];
 };
 
-// The thirteen formats, in the order of the service's width alignment table.
-const std::vector<FormatDesc>& allFormats();
-// Throws std::invalid_argument for a format that is not one of them.
+// One of the thirteen formats; throws std::invalid_argument for any other.
 const FormatDesc& describe(uint32_t hal);
-
-// Conversion kind the service picks for a pair: 0 RGB->RGB, 1 RGB->YUV, 2 YUV->RGB, 3 YUV->YUV.
-int conversionKind(uint32_t srcFormat, uint32_t dstFormat);
 
 // Where the planes of a buffer lie, for a row stride in pixels.
 struct Layout {
     size_t rowBytes = 0;      // of the luma or packed plane
     size_t chromaOffset = 0;  // first chroma plane (interleaved CbCr, or YV12's Cr)
     size_t chromaRowBytes = 0;
-    size_t chromaRows = 0;
     size_t secondChromaOffset = 0;  // YV12's Cb plane
     size_t size = 0;                // bytes the layout needs
 };
@@ -71,29 +66,27 @@ struct Image {
     int chromaHeight = 0;
     std::vector<double> channel[4];
 
-    int channelWidth(int c) const;
-    int channelHeight(int c) const;
+    // RGB formats have "chroma" at full resolution.
+    int channelWidth(int c) const { return c == 0 ? width : chromaWidth; }
+    int channelHeight(int c) const { return c == 0 ? height : chromaHeight; }
     double at(int c, int x, int y) const { return channel[c][index(c, x, y)]; }
     double& at(int c, int x, int y) { return channel[c][index(c, x, y)]; }
     size_t index(int c, int x, int y) const { return static_cast<size_t>(y) * channelWidth(c) + x; }
 };
 
-Image makeImage(uint32_t format, int width, int height);
 // Smooth gradients, different in every channel and running in different directions, so that a
 // flipped axis, a quarter-turn, a transposed crop or swapped chroma moves values far beyond the
-// tolerance. Alpha varies too where the format keeps it. `seed` shifts the gradients.
-Image makePattern(uint32_t format, int width, int height, int seed = 0);
+// tolerance. Alpha varies too where the format keeps it.
+Image makePattern(uint32_t format, int width, int height);
 
-// Writes the width x height area of `image` into `memory` laid out as layoutOf() says; bytes
-// outside it (row padding, the unused half of an odd YUYV pair) are left alone.
+// Writes the width x height area of `image` into `memory` laid out with a row stride of `stride`
+// pixels; bytes outside it (row padding, the unused half of an odd YUYV pair) are left alone.
 void pack(const Image& image, int stride, uint8_t* memory);
 Image unpack(uint32_t format, int width, int height, int stride, const uint8_t* memory);
 
-// Offsets of the bytes of `memory` that the width x height area does not own: row padding
-// of every plane. The unused bytes of the last group of an odd-width row are not listed.
-std::vector<size_t> paddingBytes(uint32_t format, int width, int height, int stride);
-
 struct Request {
+    uint32_t srcFormat = 0;
+    uint32_t dstFormat = 0;
     int srcWidth = 0;
     int srcHeight = 0;
     int dstWidth = 0;
@@ -103,37 +96,21 @@ struct Request {
     int cropWidth = 0;
     int cropHeight = 0;
     uint32_t rotation = 0;  // degrees
-    uint32_t dstFormat = 0;
 };
-
-struct Prediction {
-    Image image;
-    // Per destination pixel: 1 where the rotated quad covers it, and 1 where that is too close
-    // to an edge of the quad to call (rasterisation may go either way there).
-    std::vector<uint8_t> covered;
-    std::vector<uint8_t> uncertain;
-};
-
-// The destination frame a conversion of `src` must produce.
-Prediction predict(const Image& src, const Request& request);
-
-// Largest difference allowed for a channel, in codes of that channel: 2 for 8-bit channels,
-// the same share of the range for wider ones (8 for 10 bits), one code for narrower ones (565,
-// the 2-bit alpha). Half floats: 2/255 (returned in 1/255 units, see Comparison).
-int toleranceCodes(uint32_t format, int c);
 
 struct Comparison {
-    size_t compared = 0;  // samples compared
-    size_t failing = 0;   // samples beyond the tolerance
-    size_t uncoveredCompared = 0;
-    double worst = 0;     // worst difference, in codes of its channel (1/255 for half floats)
-    std::string worstAt;  // where, with expected and actual values
-    bool ok() const { return failing == 0; }
-    std::string describe() const;
+    size_t compared = 0;           // samples compared
+    size_t failing = 0;            // samples beyond the tolerance
+    size_t uncoveredCompared = 0;  // of them, luma or RGB samples outside the turned quad
+    std::string worst;             // the worst sample, with expected and actual values
 };
 
-// Compares every sample of `actual` with the prediction, skipping `border` pixels at each
-// edge, uncertain pixels and chroma samples whose block touches either.
-Comparison compare(const Prediction& expected, const Image& actual, int border);
+// Compares every sample of `actual` with what the conversion of `src` must produce. Largest
+// difference allowed: 2 codes for 8-bit channels, the same share of the range for wider ones
+// (8 for 10 bits), one code for narrower ones (565, the 2-bit alpha), 2/255 for half floats.
+// Resampled frames leave out a 2-pixel border, where clamping and rasterisation rules leave
+// room, and pixels too close to an edge of a turned quad to call, with chroma samples whose
+// block touches either; frames drawn at their own size are compared whole.
+Comparison compare(const Image& src, const Request& request, const Image& actual);
 
 }  // namespace gpu_reference
