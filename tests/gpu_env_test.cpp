@@ -4,6 +4,8 @@
 
 #include "GpuTestUtil.h"
 
+#include <GLES2/gl2ext.h>  // after the GLES headers it extends
+
 namespace {
 
 using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
@@ -72,6 +74,31 @@ TEST_F(GpuEnvTest, EntryPointsOwnWhatTheyMakeAndRefuseWhatCannotBeDrawn) {
     EXPECT_EQ(0, gpu_draw_frame(&feature, nullptr));
     EXPECT_EQ(0, gpu_draw_frame(nullptr, &bare));
     EXPECT_EQ(0u, log.count("debug postion")) << log.dump();
+}
+
+// The host graphics layer does GL work of its own behind the client's calls: an error the client
+// raised before it is still the client's to read, once.
+TEST_F(GpuEnvTest, HostLayerLeavesTheClientsPendingErrorToTheClient) {
+    ASSERT_TRUE(host_gl::layerInterposed());
+    GpuDrawing env;
+    ASSERT_EQ(1u, env.egl_init_env());
+    const auto buffer = gpu_test::allocate(HAL_PIXEL_FORMAT_RGBA_8888, 64, 32);
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture);
+    glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_REPEAT);  // invalid here
+    const auto create =
+        reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR"));
+    EGLImageKHR image = create(eglGetCurrentDisplay(), EGL_NO_CONTEXT, EGL_NATIVE_BUFFER_ANDROID,
+                               static_cast<EGLClientBuffer>(buffer->getNativeBuffer()), nullptr);
+    ASSERT_NE(EGL_NO_IMAGE_KHR, image);
+    const auto target = reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(
+        eglGetProcAddress("glEGLImageTargetTexture2DOES"));
+    target(GL_TEXTURE_EXTERNAL_OES, image);  // the layer uploads and binds its own texture here
+    EXPECT_EQ(static_cast<GLenum>(GL_INVALID_ENUM), glGetError());
+    EXPECT_EQ(static_cast<GLenum>(GL_NO_ERROR), glGetError());
+    glDeleteTextures(1, &texture);
+    EXPECT_EQ(1u, env.egl_cleanup());
 }
 
 }  // namespace
