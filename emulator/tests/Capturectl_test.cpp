@@ -333,6 +333,7 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
          "frameProcessDone refused: BUFFER_NOT_READY (22)"},
         {"CAPTURE_EMU_CONTROL=" + control, "stream --frames 5 --quiet", 1,
          "stopCapture refused: TIMEOUT (9)"},
+        {fail + "Close:17", "stream --frames 5 --quiet", 1, "close refused: BUSY (8)"},
         // What the GPU path cannot reach or capturectl cannot show, and conversions the DIP
         // cannot do.
         {"", "convert --engine gpu --format YV12", 1,

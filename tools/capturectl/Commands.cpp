@@ -132,6 +132,9 @@ sp<ICapture> service(const Options& o) {
     return s;
 }
 
+// A close refused while an instance went: the command's status is then "refused".
+std::atomic<bool> gCloseRefused{false};
+
 // An open instance, closed when it goes.
 class Instance {
 public:
@@ -147,6 +150,7 @@ public:
         CaptureReturn ret = mService->close(mId);
         if (ret != CaptureReturn::SUCCESS) {
             fprintf(stderr, "capturectl: close refused: %s\n", describe(ret).c_str());
+            gCloseRefused = true;
         }
     }
     int32_t id() const { return mId; }
@@ -993,11 +997,13 @@ const char kDumpDirOption[] =
     "                     gpu_intput-NNNN[_sPITCH]_WxH_FORMAT.raw and gpu_output-...\n";
 
 int guardedRun(int (*fn)(const Options&), const Options& o) {
+    int status;
     try {
-        return fn(o);
+        status = fn(o);
     } catch (const Failure& failure) {
-        return failure.status;
+        status = failure.status;
     }
+    return status == kExitOk && gCloseRefused ? kExitRefused : status;
 }
 
 }  // namespace
