@@ -355,6 +355,11 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         {"", "convert --in /nonexistent.png", 2, "cannot read /nonexistent.png"},
         {"", "convert --dump-dir /nonexistent", 2, "dump folder /nonexistent does not exist"},
         {"", "once --dump-dir /dev/null", 2, "dump folder /dev/null is not a folder"},
+        // An unwritable picture is refused before anything is captured.
+        {"", "once --out /nonexistent/x.png", 2, "cannot write /nonexistent/x.png"},
+        {"", "convert --out /proc/x.png", 2, "cannot write /proc/x.png"},
+        {fail + "CaptureStart:51", "stream --frames 5 --last /nonexistent/x.png", 2,
+         "cannot write /nonexistent/x.png"},
         {"CAPTURE_SUBHAL_PATH=/nonexistent.so", "info", 3, "initLib refused: FAIL (4)"},
     };
     for (const auto& c : cases) {

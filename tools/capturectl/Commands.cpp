@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include <android-base/properties.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -130,6 +131,18 @@ sp<ICapture> service(const Options& o) {
     sp<ICapture> s = bringUp(o.verbose);
     if (s == nullptr) throw Failure{kExitBringUp};
     return s;
+}
+
+// A picture's path, checked before anything is captured: an unwritable one is a bad command line.
+std::string outputPath(const Options& o, const char* option, const std::string& fallback) {
+    std::string path = o.get(option, fallback);
+    if (path.empty()) return path;
+    const bool existed = access(path.c_str(), F_OK) == 0;
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) usageError("cannot write %s", path + ": " + strerror(errno));
+    close(fd);
+    if (!existed) unlink(path.c_str());
+    return path;
 }
 
 // A close refused while an instance went: the command's status is then "refused".
@@ -641,7 +654,7 @@ int cmdQuery(const Options& o) {
 // DIP, then cropped, scaled, turned and converted on the GPU path.
 int onceThroughGpu(const Options& o, const Setup& s) {
     gpuDestinationFormat(s.format);
-    std::string out = o.get("out", "capture.png");
+    std::string out = outputPath(o, "out", "capture.png");
     std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
     Placement p{s.cropX, s.cropY, s.cropW, s.cropH, s.rotate};
     if (p.cropW == 0 && p.cropH == 0) p = Placement{0, 0, s.srcW, s.srcH, s.rotate};
@@ -682,7 +695,7 @@ int cmdOnce(const Options& o) {
     if (o.has("gpu")) return onceThroughGpu(o, s);
     const PixelFormatInfo& f = hardwareFormat(s.format);
     FrameLayout layout = layoutOf(f, s.dstW, s.dstH);
-    std::string out = o.get("out", "capture.png");
+    std::string out = outputPath(o, "out", "capture.png");
     std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
     sp<ICapture> svc = service(o);
     Buffer buffer(layout.frameStride);
@@ -714,7 +727,7 @@ int cmdStream(const Options& o) {
     }
     if (o.has("hold-ms")) plan.holdMs = parseNumber(o.get("hold-ms", ""), "hold time");
     plan.progress = !o.has("quiet");
-    plan.lastPng = o.get("last", "");
+    plan.lastPng = outputPath(o, "last", "");
     uint32_t count = 1;
     if (o.has("instances")) count = parseNumber(o.get("instances", ""), "instance count");
     if (count == 0 || count > 32)
@@ -935,7 +948,7 @@ int cmdConvert(const Options& o) {
     const bool turned = p.rotate % 180 != 0;
     uint32_t dstW = turned ? p.cropH : p.cropW, dstH = turned ? p.cropW : p.cropH;
     if (o.has("size")) parseSize(o.get("size", ""), &dstW, &dstH, "size");
-    std::string out = o.get("out", "convert.png");
+    std::string out = outputPath(o, "out", "convert.png");
     std::unique_ptr<DumpFolder> dumps = dumpsFrom(o);
 
     auto allocated = [](bool ok) {
