@@ -1,8 +1,10 @@
 #include "Faults.h"
 
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -40,6 +42,7 @@ struct Fault {
 struct ControlFile {
     std::string path;
     bool seen = false;
+    bool missingReported = false;
     dev_t dev = 0;
     ino_t ino = 0;
     off_t size = 0;
@@ -102,13 +105,14 @@ void parseEnvironmentLocked() {
             int n = 0;
             while (n < 3 && std::getline(fields, parts[n], ':')) ++n;
             if (n < 2 || !armLocked(parts[0], parts[1], parts[2])) {
-                EMU_LOGW("ignoring CAPTURE_EMU_FAIL item \"%s\"", item.c_str());
+                EMU_LOGE("ignoring CAPTURE_EMU_FAIL item \"%s\" (Entry:status[:count|*])",
+                         item.c_str());
             }
         }
     }
     if (const char* drop = getenv("CAPTURE_EMU_DROP_EVERY"); drop != nullptr) {
         if (!parseUint(drop, &gDropEvery)) {
-            EMU_LOGW("ignoring CAPTURE_EMU_DROP_EVERY=\"%s\"", drop);
+            EMU_LOGE("ignoring CAPTURE_EMU_DROP_EVERY=\"%s\" (a number)", drop);
         }
     }
     if (const char* path = getenv("CAPTURE_EMU_CONTROL"); path != nullptr && path[0] != '\0') {
@@ -121,7 +125,14 @@ void parseEnvironmentLocked() {
 void pollControlFileLocked() {
     if (gControl.path.empty()) return;
     struct stat st;
-    if (stat(gControl.path.c_str(), &st) != 0) return;
+    if (stat(gControl.path.c_str(), &st) != 0) {
+        if (!gControl.missingReported) {
+            EMU_LOGE("control file %s: %s; watching for it", gControl.path.c_str(), strerror(errno));
+            gControl.missingReported = true;
+        }
+        return;
+    }
+    gControl.missingReported = false;
     if (gControl.seen && st.st_dev == gControl.dev && st.st_ino == gControl.ino &&
         st.st_size == gControl.size && st.st_mtim.tv_sec == gControl.mtime.tv_sec &&
         st.st_mtim.tv_nsec == gControl.mtime.tv_nsec) {
@@ -153,7 +164,7 @@ void pollControlFileLocked() {
             clearLocked();
             ok = true;
         }
-        if (!ok) EMU_LOGW("ignoring control line \"%s\"", line.c_str());
+        if (!ok) EMU_LOGE("ignoring control line \"%s\"", line.c_str());
     }
 }
 

@@ -334,6 +334,11 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         {"CAPTURE_EMU_CONTROL=" + control, "stream --frames 5 --quiet", 1,
          "stopCapture refused: TIMEOUT (9)"},
         {fail + "Close:17", "stream --frames 5 --quiet", 1, "close refused: BUSY (8)"},
+        // Fault settings the emulated hardware cannot use are reported, not ignored.
+        {fail + "Start:17", "info", 0, "ignoring CAPTURE_EMU_FAIL item \"Start:17\""},
+        {"CAPTURE_EMU_DROP_EVERY=often", "info", 0, "ignoring CAPTURE_EMU_DROP_EVERY=\"often\""},
+        {"CAPTURE_EMU_CONTROL=/nonexistent/control", "info", 0,
+         "control file /nonexistent/control: No such file or directory"},
         // What the GPU path cannot reach or capturectl cannot show, and conversions the DIP
         // cannot do.
         {"", "convert --engine gpu --format YV12", 1,

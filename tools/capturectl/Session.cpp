@@ -117,7 +117,12 @@ void collect(const struct __android_logger_data* data, const char* message) {
     std::lock_guard<std::mutex> guard(gLogLock);
     LogLine line{data->priority, data->tag != nullptr ? data->tag : "",
                  message != nullptr ? message : ""};
-    if (gEcho) fprintf(stderr, "[%s] %s\n", line.tag.c_str(), line.text.c_str());
+    if (gEcho) {
+        fprintf(stderr, "[%s] %s\n", line.tag.c_str(), line.text.c_str());
+    } else if (line.priority >= ANDROID_LOG_ERROR && line.tag == "CAPTURE_EMU") {
+        // A fault setting the emulated hardware cannot use: say so whatever the verbosity.
+        fprintf(stderr, "capturectl: emulated hardware: %s\n", line.text.c_str());
+    }
     gLines.push_back(std::move(line));
 }
 
