@@ -294,6 +294,20 @@ TEST(CapturectlStream, ClientHoldingBuffersSeesDropsCounted) {
     EXPECT_GT(strtoul(r.output.c_str() + at + 9, nullptr, 10), 12u) << r.output;
 }
 
+// Ctrl-C ends a stream as its time would: stopped, summed up, the last frame written, status 0;
+// 130 only when the stop that follows is refused.
+TEST(CapturectlStream, CtrlCStopsCleanly) {
+    const std::string png = tempPath("interrupted.png");
+    const std::string interrupt = "timeout --preserve-status -s INT 2";
+    ToolRun r = run("stream --seconds 60 --quiet --size 320x180 --last " + png, interrupt);
+    EXPECT_EQ(0, r.status) << r.output;
+    EXPECT_NE(std::string::npos, r.output.find("stopped by Ctrl-C")) << r.output;
+    EXPECT_NE(std::string::npos, r.output.find("received ")) << r.output;
+    EXPECT_EQ(180u, Picture(png).image.height) << r.output;  // read and removed
+    r = run("stream --seconds 60 --quiet", "CAPTURE_EMU_FAIL=CaptureStop:18 " + interrupt);
+    EXPECT_EQ(130, r.status) << r.output;
+}
+
 TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
     std::string control = tempPath("control");
     std::ofstream(control) << "# steer the hardware\nfail CaptureStop 18\n";

@@ -2,6 +2,7 @@
 
 #include <android-base/properties.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -143,6 +144,16 @@ std::string outputPath(const Options& o, const char* option, const std::string& 
     close(fd);
     if (!existed) unlink(path.c_str());
     return path;
+}
+
+// Ctrl-C while streaming: the streams stop as if their time were up.
+std::atomic<bool> gInterrupted{false};
+
+void stopOnInterrupt() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { gInterrupted = true; };
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
 }
 
 // A close refused while an instance went: the command's status is then "refused".
@@ -371,8 +382,9 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
         r.latencyMaxMs = std::max(r.latencyMaxMs, ms);
         ++returned;
     };
-    while (plan.seconds > 0 ? Clock::now() < deadline : r.received < plan.frames) {
-        auto wake = deadline;
+    while (!gInterrupted &&
+           (plan.seconds > 0 ? Clock::now() < deadline : r.received < plan.frames)) {
+        auto wake = std::min(deadline, Clock::now() + std::chrono::milliseconds(100));
         if (!held.empty()) wake = std::min(wake, held.front().release);
         Arrival a{};
         bool got = client->next(&a, wake);
@@ -417,6 +429,10 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
     ret = svc->stopCapture(id);
     for (const Held& h : held) svc->frameProcessDone(id, h.index);
     if (plan.progress) fprintf(stderr, "\n");
+    if (ret != CaptureReturn::SUCCESS && gInterrupted) {
+        fprintf(stderr, "capturectl: stopCapture after Ctrl-C refused: %s\n", describe(ret).c_str());
+        throw Failure{kExitInterrupted};
+    }
     if (ret != CaptureReturn::SUCCESS) refused("stopCapture", ret);
     r.latencyAvgMs = returned != 0 ? latencySum / returned : 0;
     r.returned = returned;
@@ -732,6 +748,7 @@ int cmdStream(const Options& o) {
     if (o.has("instances")) count = parseNumber(o.get("instances", ""), "instance count");
     if (count == 0 || count > 32)
         usageError("instances must be 1..32, not %s", std::to_string(count));
+    stopOnInterrupt();
     if (count > 1) return streamMany(o, s, f, layout, plan, count);
     sp<ICapture> svc = service(o);
     Buffer buffer(static_cast<size_t>(layout.frameStride) * plan.buffers);
@@ -743,6 +760,10 @@ int cmdStream(const Options& o) {
     StreamResult r = runStream(svc, inst.id(), s, plan, buffer, f, layout);
     printStreamSummary(r);
     if (!plan.lastPng.empty()) printf("last frame: %s\n", plan.lastPng.c_str());
+    if (gInterrupted) {
+        printf("stopped by Ctrl-C\n");
+        return kExitOk;
+    }
     if (plan.seconds == 0 && r.received < plan.frames) {
         fprintf(stderr, "capturectl: only %llu of %llu frames arrived\n",
                 static_cast<unsigned long long>(r.received),

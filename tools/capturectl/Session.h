@@ -21,9 +21,10 @@ using ::vendor::quenlark::hardware::capture::V1_0::ICapture;
 
 // Exit statuses.
 constexpr int kExitOk = 0;
-constexpr int kExitRefused = 1;  // the service or the hardware said no
-constexpr int kExitUsage = 2;    // bad command line
-constexpr int kExitBringUp = 3;  // the service could not be brought up
+constexpr int kExitRefused = 1;        // the service or the hardware said no
+constexpr int kExitUsage = 2;          // bad command line
+constexpr int kExitBringUp = 3;        // the service could not be brought up
+constexpr int kExitInterrupted = 130;  // Ctrl-C, and the stop that followed was refused
 
 // Thrown by command code to end the command with an exit status; the message is printed.
 struct Failure {
