@@ -308,6 +308,30 @@ TEST(CapturectlStream, CtrlCStopsCleanly) {
     EXPECT_EQ(130, r.status) << r.output;
 }
 
+// Raw frames piped into another program: three 320x180 NV12 frames of the pattern, each the
+// previous one but for the counter, timestamp and marker.
+TEST(CapturectlStream, FramesPipedToAnotherProgram) {
+    const std::string command =
+        CAPTURECTL_PATH " stream --frames 3 --size 320x180 --quiet --stream-to - 2>/dev/null | cat";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(nullptr, pipe);
+    std::vector<uint8_t> bytes;
+    uint8_t chunk[65536];
+    for (size_t n; (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) {
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    }
+    EXPECT_EQ(0, pclose(pipe));
+    constexpr size_t kFrame = 320 * 180 * 3 / 2;
+    ASSERT_EQ(3 * kFrame, bytes.size());
+    EXPECT_NEAR(235, bytes[320 * 10 + 10], 4);  // the white bar's luma, top left
+    for (size_t k = 1; k < 3; ++k) {
+        size_t differing = 0;
+        for (size_t i = 0; i < kFrame; ++i) differing += bytes[i] != bytes[k * kFrame + i];
+        EXPECT_GT(differing, 0u) << "frame " << k;
+        EXPECT_LT(differing, kFrame / 10) << "frame " << k;
+    }
+}
+
 TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
     std::string control = tempPath("control");
     std::ofstream(control) << "# steer the hardware\nfail CaptureStop 18\n";
@@ -325,6 +349,10 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         {"", "query --memory --format YV12", 0, "engine: GPU (the DIP cannot do it)"},
         {"", "query --memory --gpu", 0, "engine: GPU (the DIP cannot do it)"},
         {"", "query --gpu", 1, "answer: DIP_NOT_SUPPORT (30)"},
+        {"", "info --json", 0, "\"capture_points\": [0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12]"},
+        {"", "query --gpu --json", 1, "\"answer\": \"DIP_NOT_SUPPORT\""},
+        {"", "stream --frames 3 --quiet --json", 0, "{\"received\": 3, \"seconds\": "},
+        {"", "-v stream --frames 2 --quiet", 0, "frame 2: buffer 1 at "},
         {fail + "CaptureStart:17", "dump", 0, "faults:\n  fail VX_CAPTURE_CaptureStart with 17"},
         // The done record of ring buffer 1 of 1280x720 NV12 frames (0x152000 bytes apart).
         {"", "stream --frames 3 --verbose", 0,

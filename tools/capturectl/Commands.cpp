@@ -340,7 +340,49 @@ struct StreamPlan {
     uint32_t buffers = 4;
     uint32_t holdMs = 0;  // the client keeps each buffer this long
     bool progress = true;
+    bool perFrame = false;  // a line per frame on stderr
     std::string lastPng;
+    std::string streamTo;  // raw frames: a file, a pattern with '#', or "-"
+};
+
+// Where --stream-to puts each frame's bytes.
+class FrameSink {
+public:
+    explicit FrameSink(const std::string& pattern) : mPattern(pattern) {
+        if (pattern == "-") {
+            mFile = stdout;
+        } else if (!pattern.empty() && pattern.find('#') == std::string::npos) {
+            mFile = fopen(pattern.c_str(), "wb");
+            if (mFile == nullptr) usageError("cannot write %s", pattern + ": " + strerror(errno));
+        }
+    }
+    ~FrameSink() {
+        if (mFile != nullptr && mFile != stdout) fclose(mFile);
+        if (mFile == stdout) fflush(stdout);
+    }
+    void write(uint64_t number, const uint8_t* data, size_t size) {
+        if (mPattern.empty()) return;
+        FILE* out = mFile;
+        std::string path;
+        if (out == nullptr) {
+            path = mPattern;
+            for (size_t at; (at = path.find('#')) != std::string::npos;) {
+                path.replace(at, 1, std::to_string(number));
+            }
+            out = fopen(path.c_str(), "wb");
+        }
+        if (out == nullptr || fwrite(data, 1, size, out) != size) {
+            fprintf(stderr, "capturectl: cannot write frame %llu%s%s\n",
+                    static_cast<unsigned long long>(number), path.empty() ? "" : " to ",
+                    path.c_str());
+            throw Failure{kExitRefused};
+        }
+        if (out != mFile) fclose(out);
+    }
+
+private:
+    std::string mPattern;
+    FILE* mFile = nullptr;
 };
 
 struct StreamResult {
@@ -355,6 +397,7 @@ struct StreamResult {
 
 StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, const StreamPlan& plan,
                        const Buffer& buffer, const PixelFormatInfo& f, const FrameLayout& layout) {
+    FrameSink sink(plan.streamTo);
     sp<StreamClient> client = new StreamClient();
     CaptureReturn ret = svc->startCapture(id, client);
     if (ret != CaptureReturn::SUCCESS) refused("startCapture", ret);
@@ -399,6 +442,16 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
         }
         ++r.received;
         if (a.params.result != CaptureReturn::SUCCESS) ++r.errors;
+        const size_t frameBytes =
+            layout.chromaSize == 0 ? layout.lumaSize : layout.chromaOffset + layout.chromaSize;
+        const bool inside = uint64_t{a.params.yOffset} + frameBytes <= buffer.size();
+        if (plan.perFrame) {
+            fprintf(stderr, "frame %llu: buffer %u at %.3f ms%s\n",
+                    static_cast<unsigned long long>(r.received), a.params.index,
+                    std::chrono::duration<double, std::milli>(a.at - start).count(),
+                    a.params.result != CaptureReturn::SUCCESS ? " (error)" : "");
+        }
+        if (inside) sink.write(r.received, buffer.data() + a.params.yOffset, frameBytes);
         uint64_t end = uint64_t{a.params.yOffset} + layout.lumaSize;
         if (!plan.lastPng.empty() && a.params.index < plan.buffers && end <= buffer.size() &&
             uint64_t{a.params.yOffset} + layout.chromaOffset + layout.chromaSize <= buffer.size()) {
@@ -442,23 +495,40 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
     return r;
 }
 
-void printStreamSummary(const StreamResult& r, const char* indent = "") {
-    printf("%sreceived %llu frames in %.2f s (%.1f fps), latency avg %.2f ms, max %.2f ms\n",
-           indent, static_cast<unsigned long long>(r.received), r.seconds,
-           r.seconds > 0 ? r.received / r.seconds : 0.0, r.latencyAvgMs, r.latencyMaxMs);
+void printStreamSummary(const StreamResult& r, const char* indent = "", FILE* out = stdout) {
+    fprintf(out, "%sreceived %llu frames in %.2f s (%.1f fps), latency avg %.2f ms, max %.2f ms\n",
+            indent, static_cast<unsigned long long>(r.received), r.seconds,
+            r.seconds > 0 ? r.received / r.seconds : 0.0, r.latencyAvgMs, r.latencyMaxMs);
     if (r.haveStats) {
-        printf("%sdropped %llu frames, %llu late (hardware produced %llu, delivered %llu)\n",
-               indent, static_cast<unsigned long long>(r.stats.dropped),
-               static_cast<unsigned long long>(r.stats.late),
-               static_cast<unsigned long long>(r.stats.produced),
-               static_cast<unsigned long long>(r.stats.delivered));
+        fprintf(out, "%sdropped %llu frames, %llu late (hardware produced %llu, delivered %llu)\n",
+                indent, static_cast<unsigned long long>(r.stats.dropped),
+                static_cast<unsigned long long>(r.stats.late),
+                static_cast<unsigned long long>(r.stats.produced),
+                static_cast<unsigned long long>(r.stats.delivered));
     } else {
-        printf("%sdropped frames: not reported by this sub-HAL\n", indent);
+        fprintf(out, "%sdropped frames: not reported by this sub-HAL\n", indent);
     }
     if (r.errors != 0) {
-        printf("%s%llu frames came with an error\n", indent,
-               static_cast<unsigned long long>(r.errors));
+        fprintf(out, "%s%llu frames came with an error\n", indent,
+                static_cast<unsigned long long>(r.errors));
     }
+}
+
+Json streamJson(const StreamResult& r) {
+    Json j;
+    j.num("received", static_cast<double>(r.received))
+        .num("seconds", r.seconds)
+        .num("fps", r.seconds > 0 ? r.received / r.seconds : 0.0)
+        .num("latency_avg_ms", r.latencyAvgMs)
+        .num("latency_max_ms", r.latencyMaxMs)
+        .num("errors", static_cast<double>(r.errors));
+    if (r.haveStats) {
+        j.num("dropped", static_cast<double>(r.stats.dropped))
+            .num("late", static_cast<double>(r.stats.late))
+            .num("produced", static_cast<double>(r.stats.produced))
+            .num("delivered", static_cast<double>(r.stats.delivered));
+    }
+    return j;
 }
 
 // The sums of several streams' results: latencies averaged over every returned buffer.
@@ -568,29 +638,18 @@ int streamMany(const Options& o, const Setup& s, const PixelFormatInfo& f,
 int cmdInfo(const Options& o) {
     sp<ICapture> svc = service(o);
     using Impl = ::vendor::quenlark::hardware::capture::V1_0::implementation::Capture;
-    printf("sub-HAL: %s\ndevice tree: %s\n", getenv("CAPTURE_SUBHAL_PATH"),
-           getenv("CAPTURE_DEVICE_TREE_ROOT"));
-    printf("capture points supported:");
-    for (uint32_t p = 0; p < 13; ++p) {
-        if (Impl::mPointsSupportState[p] != 0) printf(" %u", p);
-    }
     const auto& dts = Impl::mSystemDtsConfig;
+    std::vector<uint32_t> points;
+    for (uint32_t p = 0; p < 13; ++p) {
+        if (Impl::mPointsSupportState[p] != 0) points.push_back(p);
+    }
     auto names = [](uint32_t mask) {
-        std::string list;
+        std::vector<std::string> list;
         for (uint32_t bit = 1; bit != 0 && bit <= 0x1000000; bit <<= 1) {
-            if ((mask & bit) != 0) list += " " + formatName(bit);
+            if ((mask & bit) != 0) list.push_back(formatName(bit));
         }
-        return list.empty() ? std::string(" none") : list;
+        return list;
     };
-    printf("\nDIP writes:%s\nDIP reads:%s\n", names(dts.format_support_list_w).c_str(),
-           names(dts.format_support_list_r).c_str());
-    printf(
-        "rotation 90: %s, 270: %s, 180 up to %u px wide; crop: %s; downscale: %s; "
-        "upscale: %s; tiled sources up to %u px\n",
-        (dts.dip_rotate & 1) ? "yes" : "no", (dts.dip_rotate & 2) ? "yes" : "no",
-        static_cast<uint32_t>(dts.dip_HMirrorSz), dts.dip_crop ? "yes" : "no",
-        dts.dip_dscl ? "yes" : "no", dts.dip_uscl ? "yes" : "no",
-        static_cast<uint32_t>(dts.TileWidthMax));
     // The width limits come from the sub-HAL, for an instance and a conversion.
     Instance inst(svc);
     setQueryInfo q = {};
@@ -607,7 +666,53 @@ int cmdInfo(const Options& o) {
         ret = r;
         answer = a;
     });
-    if (ret == CaptureReturn::SUCCESS && answer.engine == 2) {
+    takeLogLines();
+    const bool limits = ret == CaptureReturn::SUCCESS && answer.engine == 2;
+    const char* subHal = getenv("CAPTURE_SUBHAL_PATH");
+    const char* tree = getenv("CAPTURE_DEVICE_TREE_ROOT");
+    if (o.has("json")) {
+        Json j;
+        j.str("subhal", subHal != nullptr ? subHal : "").str("device_tree", tree ? tree : "");
+        j.numbers("capture_points", points)
+            .strings("dip_writes", names(dts.format_support_list_w))
+            .strings("dip_reads", names(dts.format_support_list_r))
+            .flag("rotate_90", dts.dip_rotate & 1)
+            .flag("rotate_270", dts.dip_rotate & 2)
+            .num("rotate_180_max_width", dts.dip_HMirrorSz)
+            .flag("crop", dts.dip_crop)
+            .flag("downscale", dts.dip_dscl)
+            .flag("upscale", dts.dip_uscl)
+            .num("tile_width_max", dts.TileWidthMax);
+        if (limits) {
+            j.obj("limits", Json()
+                                .num("source_max_width", answer.srcMaxWidth)
+                                .num("destination_max_width", answer.dstMaxWidth)
+                                .num("source_width_align", answer.srcWidthAlign)
+                                .num("destination_width_align", answer.dstWidthAlign));
+        } else {
+            j.str("limits_answer", returnName(ret));
+        }
+        printf("%s\n", j.text().c_str());
+        return kExitOk;
+    }
+    auto joined = [](const std::vector<std::string>& list) {
+        std::string text;
+        for (const std::string& name : list) text += " " + name;
+        return list.empty() ? std::string(" none") : text;
+    };
+    printf("sub-HAL: %s\ndevice tree: %s\n", subHal, tree);
+    printf("capture points supported:");
+    for (uint32_t p : points) printf(" %u", p);
+    printf("\nDIP writes:%s\nDIP reads:%s\n", joined(names(dts.format_support_list_w)).c_str(),
+           joined(names(dts.format_support_list_r)).c_str());
+    printf(
+        "rotation 90: %s, 270: %s, 180 up to %u px wide; crop: %s; downscale: %s; "
+        "upscale: %s; tiled sources up to %u px\n",
+        (dts.dip_rotate & 1) ? "yes" : "no", (dts.dip_rotate & 2) ? "yes" : "no",
+        static_cast<uint32_t>(dts.dip_HMirrorSz), dts.dip_crop ? "yes" : "no",
+        dts.dip_dscl ? "yes" : "no", dts.dip_uscl ? "yes" : "no",
+        static_cast<uint32_t>(dts.TileWidthMax));
+    if (limits) {
         printf(
             "limits (NV12 to NV12, memory to memory): source up to %u px wide, destination "
             "up to %u px wide, source width a multiple of %u, destination rows of %u px\n",
@@ -616,7 +721,6 @@ int cmdInfo(const Options& o) {
         printf("limits: the query answered %s%s\n", describe(ret).c_str(),
                answer.useGpu ? " (GPU path)" : "");
     }
-    takeLogLines();
     return kExitOk;
 }
 
@@ -645,6 +749,27 @@ int cmdQuery(const Options& o) {
         ret = r;
         a = info;
     });
+    if (o.has("json")) {
+        Json j;
+        j.str("source", s.memory ? "memory" : "live")
+            .num("source_width", s.srcW)
+            .num("source_height", s.srcH)
+            .str("source_format", formatName(s.srcFormat))
+            .num("destination_width", s.dstW)
+            .num("destination_height", s.dstH)
+            .str("destination_format", formatName(s.format))
+            .num("rotation", s.rotate)
+            .numbers("crop", {q.crop_x, q.crop_y, q.crop_width, q.crop_height})
+            .str("answer", returnName(ret));
+        if (ret == CaptureReturn::SUCCESS) {
+            j.str("engine", a.useGpu ? "GPU" : "DIP");
+            if (a.dstWidthAlignValid) j.num("destination_width_align", a.dstWidthAlign);
+            if (!a.useGpu) j.num("bandwidth_bytes_per_second", static_cast<double>(a.bwSize));
+        }
+        j.strings("reasons", takeReasons());
+        printf("%s\n", j.text().c_str());
+        return ret == CaptureReturn::SUCCESS ? kExitOk : kExitRefused;
+    }
     printf("%s %ux%u %s -> %ux%u %s, rotation %u, crop (%u,%u %ux%u)\n",
            s.memory ? "memory" : "live", s.srcW, s.srcH, formatName(s.srcFormat).c_str(), s.dstW,
            s.dstH, formatName(s.format).c_str(), s.rotate, q.crop_x, q.crop_y, q.crop_width,
@@ -744,6 +869,16 @@ int cmdStream(const Options& o) {
     if (o.has("hold-ms")) plan.holdMs = parseNumber(o.get("hold-ms", ""), "hold time");
     plan.progress = !o.has("quiet");
     plan.lastPng = outputPath(o, "last", "");
+    plan.perFrame = o.verbose;
+    plan.streamTo = o.get("stream-to", "");
+    if (plan.streamTo.find('#') != std::string::npos) {
+        std::string first = plan.streamTo;
+        first.replace(first.find('#'), 1, "1");
+        Options probe;
+        probe.values["path"] = first;
+        outputPath(probe, "path", "");
+    }
+    FILE* text = plan.streamTo == "-" || o.has("json") ? stderr : stdout;
     uint32_t count = 1;
     if (o.has("instances")) count = parseNumber(o.get("instances", ""), "instance count");
     if (count == 0 || count > 32)
@@ -755,13 +890,19 @@ int cmdStream(const Options& o) {
     if (!buffer.valid()) throw Failure{kExitRefused};
     Instance inst(svc);
     configureLive(svc, inst.id(), s, buffer);
-    printf("streaming %ux%u %s at %u fps from capture point %u into %u buffers\n", s.dstW, s.dstH,
-           f.name, s.dstFps, s.point, plan.buffers);
+    fprintf(text, "streaming %ux%u %s at %u fps from capture point %u into %u buffers\n", s.dstW,
+            s.dstH, f.name, s.dstFps, s.point, plan.buffers);
     StreamResult r = runStream(svc, inst.id(), s, plan, buffer, f, layout);
-    printStreamSummary(r);
-    if (!plan.lastPng.empty()) printf("last frame: %s\n", plan.lastPng.c_str());
+    if (o.has("json")) {
+        Json j = streamJson(r);
+        j.flag("interrupted", gInterrupted);
+        fprintf(plan.streamTo == "-" ? stderr : stdout, "%s\n", j.text().c_str());
+    } else {
+        printStreamSummary(r, "", text);
+    }
+    if (!plan.lastPng.empty()) fprintf(text, "last frame: %s\n", plan.lastPng.c_str());
     if (gInterrupted) {
-        printf("stopped by Ctrl-C\n");
+        fprintf(text, "stopped by Ctrl-C\n");
         return kExitOk;
     }
     if (plan.seconds == 0 && r.received < plan.frames) {
@@ -1053,18 +1194,19 @@ const std::vector<Command>& commands() {
     static const std::vector<Command> list = {
         {"info",
          "capture points, DIP formats and limits of the platform",
-         "",
+         "  --json             one JSON object instead of text\n",
          {},
-         {},
+         {"json"},
          [](const Options& o) { return guardedRun(cmdInfo, o); }},
         {"query",
          "would this conversion run on the DIP or the GPU, and why",
          std::string(kCaptureOptions) +
              "  --memory           the source is a frame in memory (default: live)\n"
              "  --source-format F  format of a memory source (default NV12)\n"
-             "  --gpu              ask with the GPU path forced (vendor.zor.capture.forcegpu=1)\n",
+             "  --gpu              ask with the GPU path forced (vendor.zor.capture.forcegpu=1)\n"
+             "  --json             one JSON object instead of text\n",
          with({"source-format"}),
-         {"memory", "gpu"},
+         {"memory", "gpu", "json"},
          [](const Options& o) { return guardedRun(cmdQuery, o); }},
         {"once",
          "capture one frame into a PNG file",
@@ -1087,9 +1229,14 @@ const std::vector<Command>& commands() {
              "  --last FILE        write the last frame as a PNG (of the first instance)\n"
              "  --instances N      N capture instances stream at once, 1..32 (default 1): a\n"
              "                     summary of all, with the process's CPU share\n"
-             "  --quiet            no progress line\n",
-         with({"frames", "seconds", "buffers", "hold-ms", "last", "instances"}),
-         {"quiet"},
+             "  --stream-to PAT    write every frame's raw bytes: PAT with '#' is one file per\n"
+             "                     frame ('#' becomes the frame number), without it one file\n"
+             "                     of all frames; '-' is standard output (text goes to stderr)\n"
+             "  --json             the summary as one JSON object\n"
+             "  --quiet            no progress line\n"
+             "With -v, a line per frame: its number, buffer index and arrival time.\n",
+         with({"frames", "seconds", "buffers", "hold-ms", "last", "instances", "stream-to"}),
+         {"quiet", "json"},
          [](const Options& o) { return guardedRun(cmdStream, o); }},
         {"dump",
          "print the service's debug output (the hardware's state)",

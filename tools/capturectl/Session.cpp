@@ -128,6 +128,75 @@ void collect(const struct __android_logger_data* data, const char* message) {
 
 }  // namespace
 
+namespace {
+
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20) {
+            char escaped[8];
+            snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+std::string number(double value) {
+    char text[32];
+    snprintf(text, sizeof(text), "%.10g", value);
+    return text;
+}
+
+}  // namespace
+
+Json& Json::str(const std::string& key, const std::string& value) {
+    mFields.emplace_back(key, quoted(value));
+    return *this;
+}
+
+Json& Json::num(const std::string& key, double value) {
+    mFields.emplace_back(key, number(value));
+    return *this;
+}
+
+Json& Json::flag(const std::string& key, bool value) {
+    mFields.emplace_back(key, value ? "true" : "false");
+    return *this;
+}
+
+Json& Json::obj(const std::string& key, const Json& value) {
+    mFields.emplace_back(key, value.text());
+    return *this;
+}
+
+Json& Json::strings(const std::string& key, const std::vector<std::string>& values) {
+    std::string list;
+    for (const std::string& v : values) list += (list.empty() ? "" : ", ") + quoted(v);
+    mFields.emplace_back(key, "[" + list + "]");
+    return *this;
+}
+
+Json& Json::numbers(const std::string& key, const std::vector<uint32_t>& values) {
+    std::string list;
+    for (uint32_t v : values) list += (list.empty() ? "" : ", ") + number(v);
+    mFields.emplace_back(key, "[" + list + "]");
+    return *this;
+}
+
+std::string Json::text() const {
+    std::string out = "{";
+    for (const auto& [key, value] : mFields) {
+        out += (out.size() > 1 ? ", " : "") + quoted(key) + ": " + value;
+    }
+    return out + "}";
+}
+
 bool formatFromName(const std::string& name, uint32_t* captureFormat) {
     for (const FormatName& f : kFormatNames) {
         if (name == f.name) {
@@ -190,14 +259,19 @@ std::vector<LogLine> takeLogLines() {
     return lines;
 }
 
-void printReasons(const char* heading, FILE* out) {
-    bool first = true;
+std::vector<std::string> takeReasons() {
+    std::vector<std::string> reasons;
     for (const LogLine& line : takeLogLines()) {
         if (line.priority < 5 && line.tag != "CAPTURE_EMU") continue;
-        if (first) fprintf(out, "%s\n", heading);
-        first = false;
-        fprintf(out, "    %s: %s\n", line.tag.c_str(), line.text.c_str());
+        reasons.push_back(line.tag + ": " + line.text);
     }
+    return reasons;
+}
+
+void printReasons(const char* heading, FILE* out) {
+    const std::vector<std::string> reasons = takeReasons();
+    if (!reasons.empty()) fprintf(out, "%s\n", heading);
+    for (const std::string& reason : reasons) fprintf(out, "    %s\n", reason.c_str());
 }
 
 void refusedBecause(const char* what, CaptureReturn code) {

@@ -40,6 +40,21 @@ const char* returnName(CaptureReturn code);
 std::string describe(CaptureReturn code);
 
 // A CaptureFormat by its name ("NV12"); false when unknown.
+// A JSON object in insertion order: what --json prints.
+class Json {
+public:
+    Json& str(const std::string& key, const std::string& value);
+    Json& num(const std::string& key, double value);
+    Json& flag(const std::string& key, bool value);
+    Json& obj(const std::string& key, const Json& value);
+    Json& strings(const std::string& key, const std::vector<std::string>& values);
+    Json& numbers(const std::string& key, const std::vector<uint32_t>& values);
+    std::string text() const;
+
+private:
+    std::vector<std::pair<std::string, std::string>> mFields;  // key, value as JSON
+};
+
 bool formatFromName(const std::string& name, uint32_t* captureFormat);
 std::string formatName(uint32_t captureFormat);
 
@@ -72,6 +87,8 @@ void startLogCapture(bool verbose);
 std::vector<LogLine> takeLogLines();
 // The refusals the service logged and everything the hardware said since the last call, under
 // `heading`, indented; nothing when there is none.
+// The warnings the service and the hardware logged since the last call, as "TAG: text".
+std::vector<std::string> takeReasons();
 void printReasons(const char* heading, FILE* out = stdout);
 // refused(), with the reasons after the message.
 [[noreturn]] void refusedBecause(const char* what, CaptureReturn code);
