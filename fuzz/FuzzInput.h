@@ -1,11 +1,13 @@
-// Shared by the fuzz targets: a reader over the fuzzer's input and a silent log.
+// Shared by the fuzz targets: a reader over the input, a silent log, a scratch folder.
 #pragma once
 
 #include <android/log.h>
+#include <ftw.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -13,18 +15,16 @@
 
 namespace capture_fuzz {
 
-// Hands out the input from the front; past its end every value reads as zero.
+// Hands out the input from the front; past its end every byte reads as zero.
 class Input {
 public:
     Input(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
-
     template <typename T>
     T take() {
         T value{};
         fill(&value, sizeof(value));
         return value;
     }
-    // Copies up to `size` bytes and zeroes what the input could not provide.
     void fill(void* out, size_t size) {
         const size_t n = std::min(size, mSize);
         std::memset(out, 0, size);
@@ -34,10 +34,8 @@ public:
     }
     // A length byte, then that many bytes (at most `limit`).
     std::string takeString(size_t limit) {
-        const size_t n = std::min({static_cast<size_t>(take<uint8_t>()), limit, mSize});
-        std::string text(reinterpret_cast<const char*>(mData), n);
-        mData += n;
-        mSize -= n;
+        std::string text(std::min({size_t{take<uint8_t>()}, limit, mSize}), '\0');
+        fill(&text[0], text.size());
         return text;
     }
     const uint8_t* data() const { return mData; }
@@ -48,10 +46,29 @@ private:
     size_t mSize;
 };
 
-// Every trace is formatted (so its arguments are evaluated on every path) and then dropped.
+// Every trace is formatted (its arguments evaluated on every path), then dropped unless
+// CAPTURE_FUZZ_LOG is set (to read what an input did).
 inline void quietLogs() {
     __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
+    if (getenv("CAPTURE_FUZZ_LOG") != nullptr) return;
     __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
+}
+
+inline void clearFolder(const std::string& root) {
+    nftw(root.c_str(), [](const char* path, const struct stat*, int, struct FTW* at) {
+        return at->level > 0 ? remove(path) : 0;
+    }, 16, FTW_DEPTH | FTW_PHYS);
+}
+// A private folder (path ending with '/') under `parent`, removed at exit.
+inline std::string scratchFolder(const char* parent) {
+    static std::string root = std::string(parent) + "capture-fuzz-XXXXXX";
+    if (mkdtemp(&root[0]) == nullptr) abort();
+    root += '/';
+    atexit([] {
+        clearFolder(root);
+        rmdir(root.c_str());
+    });
+    return root;
 }
 
 }  // namespace capture_fuzz

@@ -1,7 +1,6 @@
 // The sub-HAL's completion entries, called as the hardware would and as it should not: any
 // identifier, record and sequence reference, null included, while client callbacks are
 // installed, replaced and dropped. No sub-HAL is loaded, so every registration fails.
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 
@@ -14,15 +13,13 @@ using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 
 namespace {
 
-constexpr uint32_t kDoneBuffers = 8;
-
 // Installed for one instance: a frame of another one, or offsets for an index outside the
 // eight buffers, means the service crossed its tables.
 struct SlotCallback : public ICaptureCallback {
     explicit SlotCallback(int32_t id) : mId(id) {}
     Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams& params) override {
         if (params.captureId != mId) abort();
-        if (params.index >= kDoneBuffers && (params.yOffset != 0 || params.cOffset != 0)) abort();
+        if (params.index >= 8 && (params.yOffset != 0 || params.cOffset != 0)) abort();
         return Void();
     }
     const int32_t mId;
@@ -37,7 +34,6 @@ int32_t takeId(capture_fuzz::Input& in) {
 sp<ICaptureCallback> takeCallback(capture_fuzz::Input& in, int32_t id) {
     return (in.take<uint8_t>() & 1) != 0 ? new SlotCallback(id) : nullptr;
 }
-
 void complete(bool once, int32_t id, capture_fuzz::Input& in) {
     const uint8_t shape = in.take<uint8_t>();
     // Exactly one record's bytes on the heap, so a read past it is caught.

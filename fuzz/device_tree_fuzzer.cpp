@@ -1,12 +1,11 @@
 // The device tree's capability files: any bytes, missing files, a folder or a link where a file
 // should be; then the fold of both engines into the capability tables.
-#include <fcntl.h>
-#include <ftw.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <sstream>
+#include <vector>
 
 #include "Capture.h"
 #include "FuzzInput.h"
@@ -16,27 +15,24 @@ using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 
 namespace {
 
-constexpr const char* kProperties[] = {
-    "capability/CapOSD",          "capability/RWSep",          "capability/TileWidthMax",
-    "capability/Rotate",          "capability/HMirrorSz",      "capability/CropAlign",
-    "capability/DSCL",            "capability/USCL",           "format_support/YUYV",
-    "format_support/YUYV_10B",    "format_support/ARGB8888",   "format_support/ABGR8888",
-    "format_support/RGBA8888",    "format_support/BGRA8888",   "format_support/ARGB2101010",
-    "format_support/RGB565",      "format_support/BGR888",     "format_support/NV16",
-    "format_support/NV61",        "format_support/NV12",       "format_support/NV21",
-    "format_support/RZ21S10L",    "format_support/RZ21S",      "format_support/RZ21S10T",
-    "format_support/RZ21S10R",    "format_support/COMPRESS",   "format_support/VSD8X2",
-    "format_support/VSD8X4",      "format_support/ABGR2101010"};
-constexpr size_t kPropertyCount = sizeof(kProperties) / sizeof(kProperties[0]);
+// Every property the service reads, in one engine's folder.
+const std::vector<std::string> kProperties = [] {
+    std::vector<std::string> names;
+    std::istringstream list(
+        "capability/CapOSD capability/RWSep capability/TileWidthMax capability/Rotate "
+        "capability/HMirrorSz capability/CropAlign capability/DSCL capability/USCL YUYV YUYV_10B "
+        "ARGB8888 ABGR8888 RGBA8888 BGRA8888 ARGB2101010 RGB565 BGR888 NV16 NV61 NV12 NV21 "
+        "RZ21S10L RZ21S RZ21S10T RZ21S10R COMPRESS VSD8X2 VSD8X4 ABGR2101010");
+    for (std::string name; list >> name;) {
+        names.push_back(name.find('/') == std::string::npos ? "format_support/" + name : name);
+    }
+    return names;
+}();
 
 std::string gRoot;  // ends with '/'
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW* ftw) {
-    return ftw->level > 0 ? remove(path) : 0;
-}
-
 void clearTree() {
-    nftw(gRoot.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    capture_fuzz::clearFolder(gRoot);
     for (const char* dir : {"dip0", "dip0/capability", "dip0/format_support", "dip1",
                             "dip1/capability", "dip1/format_support"}) {
         mkdir((gRoot + dir).c_str(), 0755);
@@ -44,24 +40,18 @@ void clearTree() {
 }
 
 void writeFile(const std::string& path, const std::string& bytes) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return;
-    if (write(fd, bytes.data(), bytes.size()) < 0) perror("device tree");
-    close(fd);
+    if (FILE* file = fopen(path.c_str(), "wbe")) {
+        fwrite(bytes.data(), 1, bytes.size(), file);
+        fclose(file);
+    }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     capture_fuzz::quietLogs();
-    char root[] = "/dev/shm/capture-dt-fuzz-XXXXXX";
-    if (mkdtemp(root) == nullptr) abort();
-    gRoot = std::string(root) + "/";
+    gRoot = capture_fuzz::scratchFolder("/dev/shm/");
     setenv("CAPTURE_DEVICE_TREE_ROOT", gRoot.c_str(), 1);
-    atexit([] {
-        nftw(gRoot.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-        rmdir(gRoot.c_str());
-    });
     return 0;
 }
 
@@ -74,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t kind = in.take<uint8_t>();
         const std::string bytes = in.takeString(8);
         const std::string path = gRoot + ((which & 0x80) != 0 ? "dip1/" : "dip0/") +
-                                 kProperties[(which & 0x7F) % kPropertyCount];
+                                 kProperties[(which & 0x7F) % kProperties.size()];
         unlink(path.c_str());
         if (kind % 4 == 0) writeFile(path, bytes);
         if (kind % 4 == 1) mkdir(path.c_str(), 0755);
@@ -85,15 +75,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Capture::loadSystemConfig();
 
-    const SystemDtsConfig& config = Capture::mSystemDtsConfig;
-    if (config.dip_crop > 1 || config.dip_dscl > 1 || config.dip_uscl > 1) abort();
-    // No property stands behind ARGB16161616 and YV12.
-    if (((config.format_support_list_w | config.format_support_list_r) & 0x300000u) != 0) abort();
-    for (uint32_t point = 0; point < kCapturePointCount; ++point) {
-        if (point != static_cast<uint32_t>(CapturePoint::OSD) &&
-            Capture::mPointsSupportState[point] != 1) {
-            abort();
-        }
+    // Flags stay flags, ARGB16161616 and YV12 (no property) stay clear, only OSD can be missing.
+    const SystemDtsConfig& c = Capture::mSystemDtsConfig;
+    if (c.dip_crop > 1 || c.dip_dscl > 1 || c.dip_uscl > 1) abort();
+    if (((c.format_support_list_w | c.format_support_list_r) & 0x300000u) != 0) abort();
+    for (uint32_t point = 0; point < static_cast<uint32_t>(CapturePoint::OSD); ++point) {
+        if (Capture::mPointsSupportState[point] != 1) abort();
     }
     return 0;
 }

@@ -2,11 +2,7 @@
 // folder lies under a private root; its dots become underscores so that no name climbs out of
 // the root, everything else (separators, control bytes, length) is the fuzzer's.
 #include <android-base/properties.h>
-#include <ftw.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <vector>
 
 #include "FuzzInput.h"
@@ -22,23 +18,13 @@ constexpr uint32_t kFormats[] = {1, 3, 4, 5, 16, 17, 20, 21, 22, 43, 54, 262, 0x
 
 std::string gRoot;  // ends with '/'
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW* ftw) {
-    return ftw->level > 0 ? remove(path) : 0;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     capture_fuzz::quietLogs();
     gpu_set_debug_log_level(64);
-    char root[] = "/tmp/capture-dump-fuzz-XXXXXX";
-    if (mkdtemp(root) == nullptr) abort();
-    gRoot = std::string(root) + "/";
+    gRoot = capture_fuzz::scratchFolder("/tmp/");
     android::base::SetProperty(kDumpDataProperty, "1");
-    atexit([] {
-        nftw(gRoot.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-        rmdir(gRoot.c_str());
-    });
     return 0;
 }
 
@@ -77,6 +63,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 2: DumpInputData(stride, width, height, format, pixels, frame.size()); break;
         case 3: DumpOutputData(stride, width, height, format, pixels, frame.size()); break;
     }
-    nftw(gRoot.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    capture_fuzz::clearFolder(gRoot);
     return 0;
 }

@@ -6,7 +6,6 @@
 #include <ui/GraphicBuffer.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <vector>
 
 #include "Capture.h"
@@ -23,131 +22,84 @@ namespace {
 
 constexpr size_t kMaxCallsPerInput = 8;
 
-sp<Capture> gService;
-// Handles as clients send them, good and bad; they live as long as the process.
-std::vector<hidl_handle>& gBuffers = *new std::vector<hidl_handle>;
-std::vector<sp<GraphicBuffer>>& gAllocated = *new std::vector<sp<GraphicBuffer>>;
-
-native_handle_t* memfdHandle(std::initializer_list<size_t> sizes) {
-    native_handle_t* handle = native_handle_create(static_cast<int>(sizes.size()), 0);
-    int i = 0;
+// A handle over fresh memfds of the given sizes; 0 stands for a closed descriptor.
+native_handle_t* handleOf(std::initializer_list<size_t> sizes, int ints = 0) {
+    native_handle_t* handle = native_handle_create(static_cast<int>(sizes.size()), ints);
+    int* fd = handle->data;
     for (size_t size : sizes) {
-        const int fd = memfd_create("capture-fuzz", MFD_CLOEXEC);
-        if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) abort();
-        handle->data[i++] = fd;
+        *fd = size == 0 ? -1 : memfd_create("capture-fuzz", MFD_CLOEXEC);
+        if (size != 0 && ftruncate(*fd, static_cast<off_t>(size)) != 0) abort();
+        ++fd;
     }
     return handle;
 }
 
-void makeBuffers() {
-    gBuffers.emplace_back();  // none
-    native_handle_t* closed = native_handle_create(1, 0);
-    closed->data[0] = -1;
-    gBuffers.emplace_back(closed);
-    gBuffers.emplace_back(native_handle_create(0, 2));  // no descriptor at all
-    gBuffers.emplace_back(memfdHandle({4096}));
-    gBuffers.emplace_back(memfdHandle({4096, 1 << 20}));
-    gBuffers.emplace_back(memfdHandle({1920 * 1080 * 4}));
-    // Allocator buffers, as the GPU path's clients hand them: RGBA_8888 and NV12.
-    for (int format : {1, 21}) {
-        gAllocated.push_back(new GraphicBuffer(320, 240, format, 0x02001B33, "capture-fuzz"));
-        gBuffers.emplace_back(gAllocated.back()->handle);
-    }
-}
+sp<Capture> gService;
+// Handles as clients send them, good and bad, for the life of the process: none, a closed
+// descriptor, no descriptor, memfds, then (from LLVMFuzzerInitialize) two allocator buffers.
+std::vector<const native_handle_t*>& gBuffers = *new std::vector<const native_handle_t*>{
+    nullptr, handleOf({0}), handleOf({}, 2), handleOf({4096}), handleOf({4096, 1 << 20}),
+    handleOf({1920 * 1080 * 4})};
+std::vector<sp<GraphicBuffer>>& gAllocated = *new std::vector<sp<GraphicBuffer>>;
 
-// Sizes mostly of 16 bits; 0xFFFF announces a full 32-bit value.
-uint32_t dim(Input& in) {
-    const uint16_t value = in.take<uint16_t>();
-    return value == 0xFFFF ? in.take<uint32_t>() : value;
-}
-// Small enumerations mostly; 0xFF announces a full 32-bit value.
+// One field from the input, by its type: sizes and words mostly of 16 bits (0xFFFF announces 32
+// bits), enumerations mostly of 8 (0xFF announces 32), formats mostly one CaptureFormat bit,
+// buffers from the handles above, up to three plane offsets.
 uint32_t small(Input& in) {
     const uint8_t value = in.take<uint8_t>();
     return value == 0xFF ? in.take<uint32_t>() : value;
 }
-// One CaptureFormat bit mostly, else any value.
-uint32_t format(Input& in) {
-    const uint8_t bit = in.take<uint8_t>();
-    return bit < 25 ? 1u << bit : in.take<uint32_t>();
+void one(Input& in, uint32_t* v) {
+    const uint16_t value = in.take<uint16_t>();
+    *v = value == 0xFFFF ? in.take<uint32_t>() : value;
 }
-const hidl_handle& buffer(Input& in) { return gBuffers[in.take<uint8_t>() % gBuffers.size()]; }
-hidl_vec<uint32_t> offsets(Input& in) {
-    hidl_vec<uint32_t> values(in.take<uint8_t>() % 4);
-    for (uint32_t& v : values) v = dim(in);
-    return values;
+void one(Input& in, int32_t* v) { *v = in.take<int8_t>(); }
+void one(Input& in, uint8_t* v) { *v = in.take<uint8_t>(); }
+void one(Input& in, uint64_t* v) { *v = small(in); }
+void one(Input& in, CaptureFormat* v) {
+    const uint8_t bit = in.take<uint8_t>();
+    *v = static_cast<CaptureFormat>(bit < 25 ? 1u << bit : in.take<uint32_t>());
+}
+void one(Input& in, hidl_handle* v) { *v = gBuffers[in.take<uint8_t>() % gBuffers.size()]; }
+void one(Input& in, hidl_vec<uint32_t>* v) {
+    v->resize(in.take<uint8_t>() % 4);
+    for (uint32_t& offset : *v) one(in, &offset);
+}
+template <typename Enum>
+void one(Input& in, Enum* v) {
+    *v = static_cast<Enum>(small(in));
+}
+template <typename... Fields>
+void decode(Input& in, Fields*... fields) {
+    (one(in, fields), ...);
 }
 
 void setCaptureInfo(int32_t id, Input& in) {
-    CaptureInfo info{};
-    info.capPoint = static_cast<CapturePoint>(small(in));
-    info.pqId = in.take<int8_t>();
-    info.pqWinId = in.take<int8_t>();
-    info.srcWidth = dim(in);
-    info.srcHeight = dim(in);
-    info.srcFmt = in.take<uint8_t>();
-    info.hwEngine = in.take<uint8_t>();
-    info.srcFps = small(in);
-    info.srcFlag = small(in);
-    info.cropX = dim(in);
-    info.cropY = dim(in);
-    info.cropWidth = dim(in);
-    info.cropHeight = dim(in);
-    info.dstWidth = dim(in);
-    info.dstHeight = dim(in);
-    info.dstFps = small(in);
-    info.dstFmt = static_cast<CaptureFormat>(format(in));
-    info.dstFlag = small(in);
-    info.colorSpace = static_cast<CaptureColorSpace>(small(in));
-    info.dstBuffer = buffer(in);
-    info.secureBuffer = static_cast<SecureBufferCfg>(in.take<uint8_t>());
-    info.bandwidth = static_cast<BandwidthCfg>(in.take<uint8_t>());
-    in.fill(&info.b2rRbSwapped, 1);  // any byte, as it may arrive
-    (void)gService->setCaptureInfo(id, info);
+    CaptureInfo i{};
+    decode(in, &i.capPoint, &i.pqId, &i.pqWinId, &i.srcWidth, &i.srcHeight, &i.srcFmt, &i.hwEngine,
+           &i.srcFps, &i.srcFlag, &i.cropX, &i.cropY, &i.cropWidth, &i.cropHeight, &i.dstWidth,
+           &i.dstHeight, &i.dstFps, &i.dstFmt, &i.dstFlag, &i.colorSpace, &i.dstBuffer,
+           &i.secureBuffer, &i.bandwidth);
+    in.fill(&i.b2rRbSwapped, 1);  // any byte, as it may arrive
+    (void)gService->setCaptureInfo(id, i);
 }
 
 void setCaptureFrameInfo(int32_t id, Input& in) {
-    CaptureSrcFrameInfo src{};
-    src.width = dim(in);
-    src.height = dim(in);
-    src.format = static_cast<CaptureFormat>(format(in));
-    src.colorSpace = static_cast<CaptureColorSpace>(small(in));
-    src.buffer = buffer(in);
-    src.vPlaneOffset = offsets(in);
-    src.colorimetry = small(in);
-    CaptureDstFrameInfo dst{};
-    dst.cropX = dim(in);
-    dst.cropY = dim(in);
-    dst.cropWidth = dim(in);
-    dst.cropHeight = dim(in);
-    dst.width = dim(in);
-    dst.height = dim(in);
-    dst.pitch = dim(in);
-    const uint8_t turn = in.take<uint8_t>();
-    dst.rotateAngle = turn < 4 ? turn * 90u : in.take<uint32_t>();
-    dst.format = static_cast<CaptureFormat>(format(in));
-    dst.colorSpace = static_cast<CaptureColorSpace>(small(in));
-    dst.buffer = buffer(in);
-    dst.vPlaneOffset = offsets(in);
-    dst.colorimetry = static_cast<CaptureColorimetry>(small(in));
-    (void)gService->setCaptureFrameInfo(id, src, dst, [](CaptureReturn, const hidl_vec<uint32_t>&) {});
+    CaptureSrcFrameInfo s{};
+    decode(in, &s.width, &s.height, &s.format, &s.colorSpace, &s.buffer, &s.vPlaneOffset,
+           &s.colorimetry);
+    CaptureDstFrameInfo d{};
+    decode(in, &d.cropX, &d.cropY, &d.cropWidth, &d.cropHeight, &d.width, &d.height, &d.pitch,
+           &d.rotateAngle, &d.format, &d.colorSpace, &d.buffer, &d.vPlaneOffset, &d.colorimetry);
+    (void)gService->setCaptureFrameInfo(id, s, d, nullptr);
 }
 
 void query(int32_t id, Input& in) {
     setQueryInfo q{};
-    q.src_width = dim(in);
-    q.src_height = dim(in);
-    q.src_format = static_cast<CaptureFormat>(format(in));
-    q.dst_width = dim(in);
-    q.dst_height = dim(in);
-    q.dst_format = static_cast<CaptureFormat>(format(in));
-    const uint8_t turn = in.take<uint8_t>();
-    q.rotationAngle = turn < 4 ? turn * 90u : in.take<uint32_t>();
-    q.crop_x = dim(in);
-    q.crop_y = dim(in);
-    q.crop_width = dim(in);
-    q.crop_height = dim(in);
-    q.captureType = in.take<uint8_t>();
-    (void)gService->getCaptureCapabilityInfo(id, q, [](CaptureReturn, const getQueryInfo&) {});
+    decode(in, &q.src_width, &q.src_height, &q.src_format, &q.dst_width, &q.dst_height,
+           &q.dst_format, &q.rotationAngle, &q.crop_x, &q.crop_y, &q.crop_width, &q.crop_height,
+           &q.captureType);
+    (void)gService->getCaptureCapabilityInfo(id, q, nullptr);
 }
 
 }  // namespace
@@ -162,7 +114,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (capture_emulator::registerPqService() != ::android::OK) abort();
     gService = new Capture();
     if (gService->initLib() != CaptureReturn::SUCCESS) abort();
-    makeBuffers();
+    // RGBA_8888 and NV12, as the GPU path's clients hand them.
+    for (int format : {1, 21}) {
+        gAllocated.push_back(new GraphicBuffer(320, 240, format, 0x02001B33, "capture-fuzz"));
+        gBuffers.push_back(gAllocated.back()->handle);
+    }
     return 0;
 }
 

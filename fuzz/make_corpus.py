@@ -68,32 +68,29 @@ write("device_tree_fuzzer", "odd-nodes", u8(3) + u8(1) + u8(0) + u8(0x80 | 4) + 
       b"\x10\x00" + u8(5) + u8(0) + u8(5) + b"\x00\x00\x00\x00\x01" + u8(0) + u8(0) + u8(0))
 
 
-# Interface records, field by field as interface_fuzzer.cpp decodes them.
-def fmt(bit):
-    return u8(bit)
-
-
+# Interface records, field by field as interface_fuzzer.cpp decodes them: words as 16 bits,
+# enumerations as a byte, formats as a bit number, buffers as an index into its handles.
 def capture_info(buf):
-    return (u8(0) + u8(0xFF & -1) + u8(0) + u16(1920) + u16(1080) + u8(0) + u8(1) + u8(60) + u8(0) +
-            u16(0) * 2 + u16(1920) + u16(1080) + u16(1280) + u16(720) + u8(60) + fmt(11) + u8(0) +
+    return (u8(0) + u8(0xFF) + u8(0) + u16(1920) + u16(1080) + u8(0) + u8(1) + u16(60) + u16(0) +
+            u16(0) * 2 + u16(1920) + u16(1080) + u16(1280) + u16(720) + u16(60) + u8(11) + u16(0) +
             u8(0) + u8(buf) + u8(0) + u8(1) + u8(0))
 
 
-def frame_info(src_bit, dst_bit, src_buf, dst_buf, turn):
-    src = u16(320) + u16(240) + fmt(src_bit) + u8(0) + u8(src_buf) + u8(1) + u16(0) + u8(0)
-    dst = (u16(40) + u16(30) + u16(200) + u16(150) + u16(240) + u16(320) + u16(0) + u8(turn) +
-           fmt(dst_bit) + u8(0) + u8(dst_buf) + u8(0) + u8(0))
+def frame_info(src_bit, dst_bit, src_buf, dst_buf, angle):
+    src = u16(320) + u16(240) + u8(src_bit) + u8(0) + u8(src_buf) + u8(1) + u16(0) + u8(0)
+    dst = (u16(40) + u16(30) + u16(200) + u16(150) + u16(320) + u16(240) + u16(0) + u16(angle) +
+           u8(dst_bit) + u8(0) + u8(dst_buf) + u8(0) + u8(0))
     return src + dst
 
 
-def query(src_bit, dst_bit, turn):
-    return (u16(320) + u16(240) + fmt(src_bit) + u16(240) + u16(320) + fmt(dst_bit) + u8(turn) +
+def query(src_bit, dst_bit, angle):
+    return (u16(320) + u16(240) + u8(src_bit) + u16(240) + u16(320) + u8(dst_bit) + u16(angle) +
             u16(40) + u16(30) + u16(200) + u16(150) + u8(1))
 
 
 write("interface_fuzzer", "live-once", u8(0) + capture_info(5) + u8(3))
 write("interface_fuzzer", "gpu-rgba-turn",
-      u8(12) + u8(2) + query(2, 11, 1) + u8(1) + frame_info(2, 11, 6, 7, 1) + u8(3))
+      u8(9) + u8(2) + query(2, 11, 90) + u8(1) + frame_info(2, 11, 6, 7, 90) + u8(3))
 write("interface_fuzzer", "dip-memory",
       u8(2) + query(11, 2, 0) + u8(1) + frame_info(11, 2, 5, 5, 0) + u8(3))
 
