@@ -55,9 +55,12 @@ inline void quietLogs() {
 }
 
 inline void clearFolder(const std::string& root) {
-    nftw(root.c_str(), [](const char* path, const struct stat*, int, struct FTW* at) {
-        return at->level > 0 ? remove(path) : 0;
-    }, 16, FTW_DEPTH | FTW_PHYS);
+    nftw(
+        root.c_str(),
+        [](const char* path, const struct stat*, int, struct FTW* at) {
+            return at->level > 0 ? remove(path) : 0;
+        },
+        16, FTW_DEPTH | FTW_PHYS);
 }
 // A private folder (path ending with '/') under `parent`, removed at exit.
 inline std::string scratchFolder(const char* parent) {

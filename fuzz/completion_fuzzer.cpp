@@ -13,6 +13,8 @@ using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 
 namespace {
 
+uint64_t gDelivered = 0;  // frames handed to any SlotCallback
+
 // Installed for one instance: a frame of another one, or offsets for an index outside the
 // eight buffers, means the service crossed its tables.
 struct SlotCallback : public ICaptureCallback {
@@ -20,6 +22,7 @@ struct SlotCallback : public ICaptureCallback {
     Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams& params) override {
         if (params.captureId != mId) abort();
         if (params.index >= 8 && (params.yOffset != 0 || params.cOffset != 0)) abort();
+        ++gDelivered;
         return Void();
     }
     const int32_t mId;
@@ -34,6 +37,7 @@ int32_t takeId(capture_fuzz::Input& in) {
 sp<ICaptureCallback> takeCallback(capture_fuzz::Input& in, int32_t id) {
     return (in.take<uint8_t>() & 1) != 0 ? new SlotCallback(id) : nullptr;
 }
+
 void complete(bool once, int32_t id, capture_fuzz::Input& in) {
     const uint8_t shape = in.take<uint8_t>();
     // Exactly one record's bytes on the heap, so a read past it is caught.
@@ -45,11 +49,18 @@ void complete(bool once, int32_t id, capture_fuzz::Input& in) {
     // The sequence reference: none, some slot's live counter, or a value of the sub-HAL's own.
     uint32_t own = in.take<uint32_t>();
     void* ref = nullptr;
-    if ((shape >> 1) % 3 == 1) ref = &Capture::mCallbackSequeceId[in.take<uint8_t>() % kMaxCaptureSlots];
+    if ((shape >> 1) % 3 == 1) {
+        ref = &Capture::mCallbackSequeceId[in.take<uint8_t>() % kMaxCaptureSlots];
+    }
     if ((shape >> 1) % 3 == 2) ref = &own;
+    // A frame reaches the client only with a record, a callback, and the latest sequence value.
+    const bool valid = isValidCaptureId(id) && record != nullptr;
+    const bool deliver = valid && ref != nullptr && Capture::hasCallback(slotOf(id)) &&
+                         *static_cast<uint32_t*>(ref) == Capture::mCallbackSequeceId[slotOf(id)];
+    const uint64_t before = gDelivered;
     const int ret = once ? Capture::Callback_CaptureOnceDone(id, shape, record.get(), ref)
                          : Capture::Callback_CaptureDone(id, shape, record.get(), ref);
-    if (ret != (isValidCaptureId(id) && record != nullptr ? 0 : 7)) abort();
+    if (ret != (valid ? 0 : 7) || gDelivered - before != (deliver ? 1u : 0u)) abort();
 }
 
 }  // namespace
@@ -65,14 +76,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     while (in.size() > 0) {
         const uint8_t op = in.take<uint8_t>();
         const int32_t id = takeId(in);
-        switch (op % 7) {
-            case 0: service->setCallback(id, takeCallback(in, id)); break;
-            case 1: (void)service->captureOnceWithCallback(id, takeCallback(in, id)); break;
-            case 2: (void)service->startCapture(id, takeCallback(in, id)); break;
-            case 3: (void)service->stopCapture(id); break;
-            case 4: (void)service->close(id); break;
-            default: complete(op % 7 == 5, id, in); break;
-        }
+        const int kind = op % 7;
+        if (kind == 0) service->setCallback(id, takeCallback(in, id));
+        if (kind == 1) (void)service->captureOnceWithCallback(id, takeCallback(in, id));
+        if (kind == 2) (void)service->startCapture(id, takeCallback(in, id));
+        if (kind == 3) (void)service->stopCapture(id);
+        if (kind == 4) (void)service->close(id);
+        if (kind >= 5) complete(kind == 5, id, in);
     }
     std::lock_guard<std::mutex> lock(mCallbackMutex);
     for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {

@@ -47,22 +47,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<uint8_t> frame(in.data(), in.data() + in.size());
     const void* pixels = frame.empty() ? nullptr : frame.data();
 
-    switch (op % 4) {
-        case 0: {
-            uint32_t pitch = 0;
-            uint64_t bytes = 0;
-            char name[kDumpNameSize];
-            CalculateDumpInfo(stride, height, format, &pitch, &bytes, name);
-            if (strnlen(name, sizeof(name)) == sizeof(name)) abort();
-            break;
-        }
-        case 1:
-            DumpData((op & 0x10) != 0 ? nullptr : prefix.c_str(), index, stride, width, height,
-                     format, pixels, frame.size());
-            break;
-        case 2: DumpInputData(stride, width, height, format, pixels, frame.size()); break;
-        case 3: DumpOutputData(stride, width, height, format, pixels, frame.size()); break;
+    if (op % 4 == 0) {
+        uint32_t pitch = 0;
+        uint64_t bytes = 0;
+        char name[kDumpNameSize];
+        CalculateDumpInfo(stride, height, format, &pitch, &bytes, name);
+        if (strnlen(name, sizeof(name)) == sizeof(name)) abort();
     }
+    const char* named = (op & 0x10) != 0 ? nullptr : prefix.c_str();
+    if (op % 4 == 1) DumpData(named, index, stride, width, height, format, pixels, frame.size());
+    if (op % 4 == 2) DumpInputData(stride, width, height, format, pixels, frame.size());
+    if (op % 4 == 3) DumpOutputData(stride, width, height, format, pixels, frame.size());
     capture_fuzz::clearFolder(gRoot);
     return 0;
 }

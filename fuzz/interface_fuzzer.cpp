@@ -16,6 +16,7 @@
 using namespace ::vendor::quenlark::hardware::capture::V1_0;
 using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 using ::android::GraphicBuffer;
+using ::android::base::SetProperty;
 using capture_fuzz::Input;
 
 namespace {
@@ -37,9 +38,7 @@ native_handle_t* handleOf(std::initializer_list<size_t> sizes, int ints = 0) {
 sp<Capture> gService;
 // Handles as clients send them, good and bad, for the life of the process: none, a closed
 // descriptor, no descriptor, memfds, then (from LLVMFuzzerInitialize) two allocator buffers.
-std::vector<const native_handle_t*>& gBuffers = *new std::vector<const native_handle_t*>{
-    nullptr, handleOf({0}), handleOf({}, 2), handleOf({4096}), handleOf({4096, 1 << 20}),
-    handleOf({1920 * 1080 * 4})};
+std::vector<const native_handle_t*>& gBuffers = *new std::vector<const native_handle_t*>;
 std::vector<sp<GraphicBuffer>>& gAllocated = *new std::vector<sp<GraphicBuffer>>;
 
 // One field from the input, by its type: sizes and words mostly of 16 bits (0xFFFF announces 32
@@ -53,14 +52,22 @@ void one(Input& in, uint32_t* v) {
     const uint16_t value = in.take<uint16_t>();
     *v = value == 0xFFFF ? in.take<uint32_t>() : value;
 }
-void one(Input& in, int32_t* v) { *v = in.take<int8_t>(); }
-void one(Input& in, uint8_t* v) { *v = in.take<uint8_t>(); }
-void one(Input& in, uint64_t* v) { *v = small(in); }
+void one(Input& in, int32_t* v) {
+    *v = in.take<int8_t>();
+}
+void one(Input& in, uint8_t* v) {
+    *v = in.take<uint8_t>();
+}
+void one(Input& in, uint64_t* v) {
+    *v = small(in);
+}
 void one(Input& in, CaptureFormat* v) {
     const uint8_t bit = in.take<uint8_t>();
     *v = static_cast<CaptureFormat>(bit < 25 ? 1u << bit : in.take<uint32_t>());
 }
-void one(Input& in, hidl_handle* v) { *v = gBuffers[in.take<uint8_t>() % gBuffers.size()]; }
+void one(Input& in, hidl_handle* v) {
+    *v = gBuffers[in.take<uint8_t>() % gBuffers.size()];
+}
 void one(Input& in, hidl_vec<uint32_t>* v) {
     v->resize(in.take<uint8_t>() % 4);
     for (uint32_t& offset : *v) one(in, &offset);
@@ -114,6 +121,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (capture_emulator::registerPqService() != ::android::OK) abort();
     gService = new Capture();
     if (gService->initLib() != CaptureReturn::SUCCESS) abort();
+    gBuffers = {nullptr, handleOf({0}), handleOf({}, 2), handleOf({4096})};
+    gBuffers.insert(gBuffers.end(), {handleOf({4096, 1 << 20}), handleOf({1920 * 1080 * 4})});
     // RGBA_8888 and NV12, as the GPU path's clients hand them.
     for (int format : {1, 21}) {
         gAllocated.push_back(new GraphicBuffer(320, 240, format, 0x02001B33, "capture-fuzz"));
@@ -130,19 +139,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t op = in.take<uint8_t>();
         // Now and then a neighbouring identifier, open or not.
         const int32_t target = (op & 0x80) != 0 ? id + in.take<int8_t>() % 3 : id;
-        switch (op % 5) {
-            case 0: setCaptureInfo(target, in); break;
-            case 1: setCaptureFrameInfo(target, in); break;
-            case 2: query(target, in); break;
-            case 3: (void)gService->captureOnce(target); break;
-            case 4:
-                android::base::SetProperty("vendor.zor.capture.forcegpu", (op & 8) ? "1" : "0");
-                break;
-        }
+        if (op % 5 == 0) setCaptureInfo(target, in);
+        if (op % 5 == 1) setCaptureFrameInfo(target, in);
+        if (op % 5 == 2) query(target, in);
+        if (op % 5 == 3) (void)gService->captureOnce(target);
+        if (op % 5 == 4) SetProperty("vendor.zor.capture.forcegpu", (op & 8) != 0 ? "1" : "0");
     }
     (void)gService->close(id);
     // Nothing of this input reaches the next one.
-    android::base::SetProperty("vendor.zor.capture.forcegpu", "0");
+    SetProperty("vendor.zor.capture.forcegpu", "0");
     std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
     for (int slot = 0; slot < kMaxCaptureSlots; ++slot) {
         mUseGpu[slot] = 0;
