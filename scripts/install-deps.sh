@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages the build, the tests and the demo need. Idempotent: does
+# Installs the Debian 12 packages the build, the tests, the fuzz targets and the demo need
+# (libclang-rt-14-dev brings clang's sanitizer and libFuzzer runtimes). Idempotent: does
 # nothing when everything is already there.
 set -euo pipefail
 

@@ -3,7 +3,9 @@
 #   build/gcc   g++, optimised, all tests
 #   build/asan  clang++, AddressSanitizer + UndefinedBehaviorSanitizer, all tests
 #   build/tsan  clang++, ThreadSanitizer, the threaded tests (names with Stress or Stream)
-# Usage: scripts/test.sh [gcc|asan|tsan]...   (default: all three)
+# and then a short run of every fuzz target (build/fuzz, scripts/fuzz.sh, FUZZ_SECONDS each,
+# default 8).
+# Usage: scripts/test.sh [gcc|asan|tsan|fuzz]...   (default: all four)
 set -euo pipefail
 
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -13,7 +15,7 @@ scripts/install-deps.sh
 jobs="${JOBS:-$(nproc)}"
 configs=("$@")
 if [ ${#configs[@]} -eq 0 ]; then
-    configs=(gcc asan tsan)
+    configs=(gcc asan tsan fuzz)
 fi
 
 export EGL_PLATFORM=surfaceless
@@ -22,6 +24,11 @@ export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp ${LSAN_OPTIONS:-}"
 
 run_config() {
     local name="$1"
+    if [ "$name" = fuzz ]; then
+        echo "=== [fuzz] build and a short run of every target"
+        scripts/fuzz.sh "${FUZZ_SECONDS:-8}"
+        return
+    fi
     local dir="build/$name"
     local cmake_args=(-G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo)
     local ctest_args=(--output-on-failure -j "$jobs" --timeout 300)
