@@ -77,7 +77,7 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
 // Stream 7 is shown at the panel (index 5) by slot 5 and at another point by slot 9: the first
 // bound slot wins. Slot 2 shows stream 300, whose window records can hold only its low byte.
 TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
-    const std::tuple<int, int32_t, CapturePoint> bindings[] = {{5, 7, CapturePoint::PQ_PANEL},
+    const std::tuple<int, int32_t, CapturePoint> bindings[] = {{0, 7, CapturePoint::PQ_PANEL},
                                                                {9, 7, CapturePoint::PQ_STREAM_OUT},
                                                                {2, 300, CapturePoint::PQ_PANEL}};
     for (const auto& [slot, pqId, point] : bindings) {
@@ -98,7 +98,7 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
     const std::tuple<int32_t, uint32_t, size_t, uint8_t, EN_PQ_CALLBACK_EVENT_TYPE, std::string,
                      uint32_t>
         cases[] = {
-            {7, 1456, 1456, 3, kInfo, "PQId[7] found = true, captureId_i(5)", 0x4030201},
+            {7, 1456, 1456, 3, kInfo, "PQId[7] found = true, captureId_i(0)", 0x4030201},
             {7, 1000, 1456, 3, kInfo, sizeError(1000), 0x4030201},  // the declared size only logs
             {7, 1456, 1455, 3, kInfo, sizeError(1455), 0},
             {7, 1456, 0, 3, kInfo, sizeError(0), 0},
