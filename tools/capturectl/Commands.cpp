@@ -388,9 +388,9 @@ private:
 struct StreamResult {
     uint64_t received = 0;
     uint64_t errors = 0;
-    uint64_t returned = 0;  // buffers handed back, over which the latency is averaged
+    uint64_t returned = 0;  // buffers handed back, over which the holding time is averaged
     double seconds = 0;
-    double latencyAvgMs = 0, latencyMaxMs = 0;
+    double heldAvgMs = 0, heldMaxMs = 0;
     bool haveStats = false;
     capture_emulator::InstanceStats stats;
 };
@@ -415,14 +415,14 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
             ? start + std::chrono::milliseconds(static_cast<int64_t>(plan.seconds * 1000))
             : start + std::chrono::seconds(5 + plan.frames * 3 / std::max(s.dstFps, 1u));
     auto lastPrint = start;
-    double latencySum = 0;
+    double heldSum = 0;
     uint64_t returned = 0;
     auto giveBack = [&](const Held& h) {
         CaptureReturn done = svc->frameProcessDone(id, h.index);
         if (done != CaptureReturn::SUCCESS) refused("frameProcessDone", done);
         double ms = std::chrono::duration<double, std::milli>(Clock::now() - h.arrived).count();
-        latencySum += ms;
-        r.latencyMaxMs = std::max(r.latencyMaxMs, ms);
+        heldSum += ms;
+        r.heldMaxMs = std::max(r.heldMaxMs, ms);
         ++returned;
     };
     while (!gInterrupted &&
@@ -469,9 +469,9 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
             double t = std::chrono::duration<double>(now - start).count();
             capture_emulator::InstanceStats st;
             bool have = capture_emulator::getInstanceStats(id, &st);
-            fprintf(stderr, "\r  %llu frames  %.1f fps  latency %.2f ms  dropped %s  late %s   ",
+            fprintf(stderr, "\r  %llu frames  %.1f fps  held %.2f ms  dropped %s  late %s   ",
                     static_cast<unsigned long long>(r.received), t > 0 ? r.received / t : 0.0,
-                    returned != 0 ? latencySum / returned : 0.0,
+                    returned != 0 ? heldSum / returned : 0.0,
                     have ? std::to_string(st.dropped).c_str() : "n/a",
                     have ? std::to_string(st.late).c_str() : "n/a");
             lastPrint = now;
@@ -487,7 +487,7 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
         throw Failure{kExitInterrupted};
     }
     if (ret != CaptureReturn::SUCCESS) refused("stopCapture", ret);
-    r.latencyAvgMs = returned != 0 ? latencySum / returned : 0;
+    r.heldAvgMs = returned != 0 ? heldSum / returned : 0;
     r.returned = returned;
     if (!plan.lastPng.empty() && !last.empty()) {
         savePng(plan.lastPng, f, layout, last.data(), s.dstW, s.dstH);
@@ -496,9 +496,10 @@ StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, cons
 }
 
 void printStreamSummary(const StreamResult& r, const char* indent = "", FILE* out = stdout) {
-    fprintf(out, "%sreceived %llu frames in %.2f s (%.1f fps), latency avg %.2f ms, max %.2f ms\n",
+    fprintf(out,
+            "%sreceived %llu frames in %.2f s (%.1f fps), buffers held avg %.2f ms, max %.2f ms\n",
             indent, static_cast<unsigned long long>(r.received), r.seconds,
-            r.seconds > 0 ? r.received / r.seconds : 0.0, r.latencyAvgMs, r.latencyMaxMs);
+            r.seconds > 0 ? r.received / r.seconds : 0.0, r.heldAvgMs, r.heldMaxMs);
     if (r.haveStats) {
         fprintf(out, "%sdropped %llu frames, %llu late (hardware produced %llu, delivered %llu)\n",
                 indent, static_cast<unsigned long long>(r.stats.dropped),
@@ -519,8 +520,8 @@ Json streamJson(const StreamResult& r) {
     j.num("received", static_cast<double>(r.received))
         .num("seconds", r.seconds)
         .num("fps", r.seconds > 0 ? r.received / r.seconds : 0.0)
-        .num("latency_avg_ms", r.latencyAvgMs)
-        .num("latency_max_ms", r.latencyMaxMs)
+        .num("held_avg_ms", r.heldAvgMs)
+        .num("held_max_ms", r.heldMaxMs)
         .num("errors", static_cast<double>(r.errors));
     if (r.haveStats) {
         j.num("dropped", static_cast<double>(r.stats.dropped))
@@ -536,13 +537,13 @@ StreamResult total(const std::vector<StreamResult>& results, double seconds) {
     StreamResult all;
     all.seconds = seconds;
     all.haveStats = !results.empty();
-    double latencySum = 0;
+    double heldSum = 0;
     for (const StreamResult& r : results) {
         all.received += r.received;
         all.errors += r.errors;
         all.returned += r.returned;
-        latencySum += r.latencyAvgMs * static_cast<double>(r.returned);
-        all.latencyMaxMs = std::max(all.latencyMaxMs, r.latencyMaxMs);
+        heldSum += r.heldAvgMs * static_cast<double>(r.returned);
+        all.heldMaxMs = std::max(all.heldMaxMs, r.heldMaxMs);
         all.haveStats = all.haveStats && r.haveStats;
         all.stats.produced += r.stats.produced;
         all.stats.delivered += r.stats.delivered;
@@ -550,7 +551,7 @@ StreamResult total(const std::vector<StreamResult>& results, double seconds) {
         all.stats.late += r.stats.late;
         all.stats.productionNs += r.stats.productionNs;
     }
-    all.latencyAvgMs = all.returned != 0 ? latencySum / static_cast<double>(all.returned) : 0;
+    all.heldAvgMs = all.returned != 0 ? heldSum / static_cast<double>(all.returned) : 0;
     return all;
 }
 
