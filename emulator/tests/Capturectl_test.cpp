@@ -343,7 +343,9 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         const char* text;
     } cases[] = {
         {"", "info", 0, "capture points supported: 0 1 2 3 4 5 6 7 8 9 10 11 12"},
-        {"", "info", 0, "source up to 1920 px wide, destination up to 1920 px wide, source width"},
+        {"", "info", 0,
+         "source up to 1920 px wide (4096 with read/write separation), destination up to 1920 px "
+         "wide (4096)"},
         {"", "query --memory --source 3840x2160 --size 1920x1080 --format ABGR8888", 0,
          "engine: DIP\ndestination rows: multiples of 16 px\nbandwidth: 1244.2 MB/s"},
         {"", "query --memory --format YV12", 0, "engine: GPU (the DIP cannot do it)"},

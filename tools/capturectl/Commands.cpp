@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include <android-base/properties.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -24,6 +25,7 @@
 #include "EnumMapping.h"
 #include "Picture.h"
 #include "Session.h"
+#include "VxCaptureHal.h"
 #include "capture_emulator/Emulator.h"
 
 namespace capturectl {
@@ -667,6 +669,17 @@ int cmdInfo(const Options& o) {
         ret = r;
         answer = a;
     });
+    // The interface's answer carries the plain limits; the sub-HAL also knows the wider ones of
+    // read/write-separated operation, which the service's checks accept too.
+    VX_CAPTURE_getQueryInfo_s raw = {};
+    if (void* lib = dlopen(getenv("CAPTURE_SUBHAL_PATH"), RTLD_NOW | RTLD_NOLOAD)) {
+        using Entry = uint32_t (*)(int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_getQueryInfo_s*);
+        if (auto entry = reinterpret_cast<Entry>(dlsym(lib, "VX_CAPTURE_GetCapabilityInfo"))) {
+            VX_CAPTURE_setQueryInfo_s vq = {1920, 1080, 11, 1920, 1080, 11, 0, 1, {}};
+            if (entry(inst.id(), &vq, &raw) != 0) raw = {};
+        }
+        dlclose(lib);
+    }
     takeLogLines();
     const bool limits = ret == CaptureReturn::SUCCESS && answer.engine == 2;
     const char* subHal = getenv("CAPTURE_SUBHAL_PATH");
@@ -689,7 +702,9 @@ int cmdInfo(const Options& o) {
                                 .num("source_max_width", answer.srcMaxWidth)
                                 .num("destination_max_width", answer.dstMaxWidth)
                                 .num("source_width_align", answer.srcWidthAlign)
-                                .num("destination_width_align", answer.dstWidthAlign));
+                                .num("destination_width_align", answer.dstWidthAlign)
+                                .num("source_max_width_rwsep", raw.src_max_width_rwsep)
+                                .num("destination_max_width_rwsep", raw.dst_max_width_rwsep));
         } else {
             j.str("limits_answer", returnName(ret));
         }
@@ -715,9 +730,11 @@ int cmdInfo(const Options& o) {
         static_cast<uint32_t>(dts.TileWidthMax));
     if (limits) {
         printf(
-            "limits (NV12 to NV12, memory to memory): source up to %u px wide, destination "
-            "up to %u px wide, source width a multiple of %u, destination rows of %u px\n",
-            answer.srcMaxWidth, answer.dstMaxWidth, answer.srcWidthAlign, answer.dstWidthAlign);
+            "limits (NV12 to NV12, memory to memory): source up to %u px wide (%u with read/write "
+            "separation), destination up to %u px wide (%u), source width a multiple of %u, "
+            "destination rows of %u px\n",
+            answer.srcMaxWidth, raw.src_max_width_rwsep, answer.dstMaxWidth,
+            raw.dst_max_width_rwsep, answer.srcWidthAlign, answer.dstWidthAlign);
     } else {
         printf("limits: the query answered %s%s\n", describe(ret).c_str(),
                answer.useGpu ? " (GPU path)" : "");
