@@ -356,6 +356,8 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         {"", "stream --frames 3 --quiet --json", 0, "{\"received\": 3, \"seconds\": "},
         {"", "-v stream --frames 2 --quiet", 0, "frame 2: buffer 1 at "},
         {fail + "CaptureStart:17", "dump", 0, "faults:\n  fail VX_CAPTURE_CaptureStart with 17"},
+        {"", "dump --while-streaming --size 320x180", 0, "Instances: 1 open\n  0x73000000: point 0"},
+        {"", "dump --while-streaming --detail --size 320x180", 0, "buffer 0: with the client"},
         // The done record of ring buffer 1 of 1280x720 NV12 frames (0x152000 bytes apart).
         {"", "stream --frames 3 --verbose", 0,
          "index(1) Y_offSet(0x152000) C_offSet(0x233000) Y_Size(0xe1000) C_Size(0x70800)"},

@@ -934,6 +934,22 @@ int cmdStream(const Options& o) {
 
 int cmdDump(const Options& o) {
     sp<ICapture> svc = service(o);
+    // A fresh service has nothing open; --while-streaming dumps with one instance streaming.
+    std::unique_ptr<Instance> inst;
+    std::unique_ptr<Buffer> ring;
+    sp<StreamClient> client;
+    if (o.has("while-streaming")) {
+        Setup s = parseSetup(o);
+        FrameLayout layout = layoutOf(hardwareFormat(s.format), s.dstW, s.dstH);
+        ring = std::make_unique<Buffer>(static_cast<size_t>(layout.frameStride) * 4);
+        if (!ring->valid()) throw Failure{kExitRefused};
+        inst = std::make_unique<Instance>(svc);
+        configureLive(svc, inst->id(), s, *ring);
+        client = new StreamClient();
+        CaptureReturn ret = svc->startCapture(inst->id(), client);
+        if (ret != CaptureReturn::SUCCESS) refused("startCapture", ret);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
     fflush(stdout);
     native_handle_t* h = native_handle_create(1, 0);
     h->data[0] = STDOUT_FILENO;
@@ -941,6 +957,10 @@ int cmdDump(const Options& o) {
     if (o.has("detail")) options = hidl_vec<hidl_string>{hidl_string("detail")};
     svc->debug(hidl_handle(h), options);
     native_handle_delete(h);  // the descriptor is stdout's: not closed
+    if (inst != nullptr) {
+        CaptureReturn ret = svc->stopCapture(inst->id());
+        if (ret != CaptureReturn::SUCCESS) refused("stopCapture", ret);
+    }
     return kExitOk;
 }
 
@@ -1258,9 +1278,11 @@ const std::vector<Command>& commands() {
          [](const Options& o) { return guardedRun(cmdStream, o); }},
         {"dump",
          "print the service's debug output (the hardware's state)",
-         "  --detail           the detailed level\n",
-         {},
-         {"detail"},
+         "  --detail           the detailed level\n"
+         "  --while-streaming  with one instance streaming (the capture options set it up)\n" +
+             std::string(kCaptureOptions),
+         with({}),
+         {"detail", "while-streaming"},
          [](const Options& o) { return guardedRun(cmdDump, o); }},
         {"convert",
          "convert a picture in memory on the DIP or the GPU path, into a PNG file",
