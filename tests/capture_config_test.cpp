@@ -172,6 +172,7 @@ TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
     } cases[] = {
         {[](auto&) {}, false, 84, 11},
         {[](auto& i) { i.srcFlag = 2; }, false, 44, 0},
+        {[](auto& i) { i.dstFlag = 2; }, false, 92, 0},
         {[](auto& i) { i.dstFmt = Fmt::ARGB8888; }, true, 84, 3},
         {[](auto& i) { i.dstFmt = Fmt::ABGR8888; }, true, 84, 2},
         {[](auto& i) { i.dstFmt = Fmt::YUYV; }, true, 84, 0},
