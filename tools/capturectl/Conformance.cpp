@@ -545,6 +545,7 @@ uint32_t Harness::configure(int32_t id, const Buffer& buffer) {
 }
 
 uint32_t Harness::registerEntry(int32_t id) {
+    if (id < kIdBase || id >= kIdBase + kSlots) return kBadIdStatus;  // an open that failed
     const size_t slot = static_cast<size_t>(id - kIdBase);
     gSequence[slot] = sequenceOf(id);
     gParams[slot] = {};
