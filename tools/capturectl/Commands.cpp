@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "Capture.h"
+#include "Conformance.h"
 #include "Conversion.h"
 #include "EnumMapping.h"
 #include "Picture.h"
@@ -1313,6 +1314,7 @@ const std::vector<Command>& commands() {
          {"out-dir", "dump-dir"},
          {},
          [](const Options& o) { return guardedRun(cmdDemo, o); }},
+        {"conformance", kConformanceSummary, kConformanceUsage, {"subhal"}, {}, runConformance},
     };
     return list;
 }

@@ -20,7 +20,7 @@ void printUsage(FILE* out) {
             "it through ICapture.\n"
             "\n"
             "commands:\n");
-    for (const Command& c : commands()) fprintf(out, "  %-8s %s\n", c.name, c.summary);
+    for (const Command& c : commands()) fprintf(out, "  %-11s %s\n", c.name, c.summary);
     fprintf(out,
             "\n"
             "  -v, --verbose   echo the service's and the hardware's log to stderr\n"

@@ -30,6 +30,11 @@ constexpr int8_t kStatusTable[kStatusLimit] = {
 
 }  // namespace
 
+bool isMappedSubHalStatus(int32_t status) {
+    return status == 0 || (status >= kFirstMappedStatus && status < kStatusLimit &&
+                           kStatusTable[static_cast<size_t>(status)] >= 0);
+}
+
 CaptureReturn CaptureReturnMapping(int32_t status) {
     CAPTURE_LOGW("Error Capture SubHal eVxRet: 0x%x !", static_cast<uint32_t>(status));
     if (status >= kFirstMappedStatus && status < kStatusLimit) {

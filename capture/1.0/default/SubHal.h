@@ -59,6 +59,8 @@ extern void* mSetBlendingDispInfo;
 
 // Sub-HAL status (non-zero) to CaptureReturn.
 CaptureReturn CaptureReturnMapping(int32_t status);
+// Whether the status is 0 or one CaptureReturnMapping translates (others all become FAIL).
+bool isMappedSubHalStatus(int32_t status);
 
 // The one call pattern: a missing entry counts as status 8; a failing call is always logged.
 // Returns the raw status; the caller traces it and maps it with subHalResult().
