@@ -354,6 +354,11 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         {"", "info --json", 0, "\"capture_points\": [0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12]"},
         {"", "query --gpu --json", 1, "\"answer\": \"DIP_NOT_SUPPORT\""},
         {"", "stream --frames 3 --quiet --json", 0, "{\"received\": 3, \"seconds\": "},
+        {"", "once --json --size 320x180 --out /dev/null", 0,
+         "{\"width\": 320, \"height\": 180, \"format\": \"NV12\", \"capture_point\": 0, "
+         "\"engine\": \"DIP\", \"written\": \"/dev/null\"}"},
+        {"", "convert --engine gpu --source 320x180 --json --out /dev/null", 0,
+         "\"engine\": \"GPU\", \"source\": \"the bars pattern\""},
         {"", "-v stream --frames 2 --quiet", 0, "frame 2: buffer 1 at "},
         {fail + "CaptureStart:17", "dump", 0, "faults:\n  fail VX_CAPTURE_CaptureStart with 17"},
         {"", "dump --while-streaming --size 320x180", 0, "Instances: 1 open\n  0x73000000: point 0"},

@@ -810,6 +810,19 @@ int cmdQuery(const Options& o) {
     return ret == CaptureReturn::SUCCESS ? kExitOk : kExitRefused;
 }
 
+// What a command that wrote a picture reports: a line, or with --json one object.
+void reportPicture(const Options& o, const std::string& line, Json j, const std::string& out,
+                   const DumpFolder* dumps) {
+    if (o.has("json")) {
+        j.str("written", out);
+        if (dumps != nullptr) j.strings("dumps", dumps->written());
+        printf("%s\n", j.text().c_str());
+        return;
+    }
+    printf("%s\n", line.c_str());
+    if (dumps != nullptr) dumps->report("");
+}
+
 // The GPU path converts frames in memory only: the capture point's frame is taken whole by the
 // DIP, then cropped, scaled, turned and converted on the GPU path.
 int onceThroughGpu(const Options& o, const Setup& s) {
@@ -844,9 +857,18 @@ int onceThroughGpu(const Options& o, const Setup& s) {
     convertInMemory(svc, inst.id(), Engine::kGpu, refOf(src), p, refOf(dst));
     noteIfUntouched(&dst);
     savePng(out, s.format, dst.planes(), s.dstW, s.dstH);
-    printf("wrote %s: %ux%u %s from capture point %u, converted on the GPU path\n", out.c_str(),
-           s.dstW, s.dstH, formatName(s.format).c_str(), s.point);
-    if (dumps) dumps->report("");
+    char line[256];
+    snprintf(line, sizeof(line),
+             "wrote %s: %ux%u %s from capture point %u, converted on the GPU path", out.c_str(),
+             s.dstW, s.dstH, formatName(s.format).c_str(), s.point);
+    reportPicture(o, line,
+                  Json()
+                      .num("width", s.dstW)
+                      .num("height", s.dstH)
+                      .str("format", formatName(s.format))
+                      .num("capture_point", s.point)
+                      .str("engine", "GPU"),
+                  out, dumps.get());
     return kExitOk;
 }
 
@@ -865,9 +887,17 @@ int cmdOnce(const Options& o) {
     CaptureReturn ret = svc->captureOnce(inst.id());
     if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
     savePng(out, f, layout, buffer.data(), s.dstW, s.dstH);
-    printf("wrote %s: %ux%u %s from capture point %u\n", out.c_str(), s.dstW, s.dstH, f.name,
-           s.point);
-    if (dumps) dumps->report("");
+    char line[256];
+    snprintf(line, sizeof(line), "wrote %s: %ux%u %s from capture point %u", out.c_str(), s.dstW,
+             s.dstH, f.name, s.point);
+    reportPicture(o, line,
+                  Json()
+                      .num("width", s.dstW)
+                      .num("height", s.dstH)
+                      .str("format", f.name)
+                      .num("capture_point", s.point)
+                      .str("engine", "DIP"),
+                  out, dumps.get());
     return kExitOk;
 }
 
@@ -1184,11 +1214,25 @@ int cmdConvert(const Options& o) {
                         FrameRef{dst.handle(), dstFormat, dstW, dstH, dstLayout.chromaOffset});
         savePng(out, df, dstLayout, dst.data(), dstW, dstH);
     }
-    printf("wrote %s: %ux%u %s on %s, from %s (%ux%u %s), crop (%u,%u %ux%u), turned %u\n",
-           out.c_str(), dstW, dstH, formatName(dstFormat).c_str(), engineName(engine),
-           origin.c_str(), srcW, srcH, formatName(srcFormat).c_str(), p.cropX, p.cropY, p.cropW,
-           p.cropH, p.rotate);
-    if (dumps) dumps->report("");
+    char line[512];
+    snprintf(line, sizeof(line),
+             "wrote %s: %ux%u %s on %s, from %s (%ux%u %s), crop (%u,%u %ux%u), turned %u",
+             out.c_str(), dstW, dstH, formatName(dstFormat).c_str(), engineName(engine),
+             origin.c_str(), srcW, srcH, formatName(srcFormat).c_str(), p.cropX, p.cropY, p.cropW,
+             p.cropH, p.rotate);
+    reportPicture(o, line,
+                  Json()
+                      .num("width", dstW)
+                      .num("height", dstH)
+                      .str("format", formatName(dstFormat))
+                      .str("engine", engine == Engine::kGpu ? "GPU" : "DIP")
+                      .str("source", origin)
+                      .num("source_width", srcW)
+                      .num("source_height", srcH)
+                      .str("source_format", formatName(srcFormat))
+                      .numbers("crop", {p.cropX, p.cropY, p.cropW, p.cropH})
+                      .num("rotation", p.rotate),
+                  out, dumps.get());
     return kExitOk;
 }
 
@@ -1251,12 +1295,13 @@ const std::vector<Command>& commands() {
          "capture one frame into a PNG file",
          std::string(kCaptureOptions) +
              "  --out FILE         PNG to write (default capture.png)\n"
+             "  --json             report as one JSON object\n"
              "  --gpu              crop, scale, turn and convert on the GPU path: the DIP takes\n"
              "                     the whole source as NV12, the service's GPU path (forced)\n"
              "                     converts that frame in memory\n" +
              kDumpDirOption,
          with({"out", "dump-dir"}),
-         {"gpu"},
+         {"gpu", "json"},
          [](const Options& o) { return guardedRun(cmdOnce, o); }},
         {"stream",
          "capture continuously, with live progress and a summary",
@@ -1301,11 +1346,12 @@ const std::vector<Command>& commands() {
              "  --format NAME      destination format (default ARGB8888)\n"
              "  --engine E         dip: the emulated DIP engines (default); gpu: the GPU path,\n"
              "                     forced with vendor.zor.capture.forcegpu=1\n"
-             "  --out FILE         PNG to write (default convert.png)\n" +
+             "  --out FILE         PNG to write (default convert.png)\n"
+             "  --json             report as one JSON object\n" +
              kDumpDirOption,
          {"in", "pattern", "source", "source-format", "crop", "rotate", "size", "format", "engine",
           "out", "dump-dir"},
-         {},
+         {"json"},
          [](const Options& o) { return guardedRun(cmdConvert, o); }},
         {"demo",
          "open, query, one frame, a short stream, a conversion on each engine; PNGs",

@@ -195,14 +195,21 @@ std::map<std::string, int64_t> DumpFolder::listing() const {
     return files;
 }
 
-void DumpFolder::report(const char* indent) const {
-    int count = 0;
+std::vector<std::string> DumpFolder::written() const {
+    std::vector<std::string> paths;
     for (const auto& [name, mtime] : listing()) {
         auto before = mBefore.find(name);
-        if (before != mBefore.end() && before->second == mtime) continue;
+        if (before == mBefore.end() || before->second != mtime) paths.push_back(mDir + name);
+    }
+    return paths;
+}
+
+void DumpFolder::report(const char* indent) const {
+    int count = 0;
+    for (const std::string& path : written()) {
         struct stat st;
-        long long bytes = stat((mDir + name).c_str(), &st) == 0 ? st.st_size : -1;
-        printf("%sdump: %s%s (%lld bytes)\n", indent, mDir.c_str(), name.c_str(), bytes);
+        long long bytes = stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+        printf("%sdump: %s (%lld bytes)\n", indent, path.c_str(), bytes);
         ++count;
     }
     if (count == 0) {

@@ -9,6 +9,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "Picture.h"
 #include "Session.h"
@@ -76,6 +77,8 @@ public:
     explicit DumpFolder(const std::string& dir);
     // Prints the dump files written since construction, or that there are none.
     void report(const char* indent) const;
+    // The paths of the dump files written since construction.
+    std::vector<std::string> written() const;
 
 private:
     std::map<std::string, int64_t> listing() const;  // dump file name -> modification time
