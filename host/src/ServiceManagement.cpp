@@ -1,8 +1,11 @@
 #define LOG_TAG "HidlServiceManagement"
 
+#include <errno.h>
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/ServiceManagement.h>
 #include <log/log.h>
+#include <semaphore.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <map>
@@ -99,12 +102,40 @@ status_t unregisterServiceInternal(const std::string& descriptor, const std::str
 
 }  // namespace details
 
+namespace {
+
+// Posted by the stop signals; sem_post is async-signal-safe, and the signal may land on any
+// thread that does not block it.
+sem_t gStopRequested;
+
+void onStopSignal(int /*signal*/) {
+    sem_post(&gStopRequested);
+}
+
+void catchStopSignals() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        sem_init(&gStopRequested, 0, 0);
+        struct sigaction action = {};
+        action.sa_handler = onStopSignal;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGTERM, &action, nullptr);
+        sigaction(SIGINT, &action, nullptr);
+    });
+}
+
+}  // namespace
+
 status_t configureRpcThreadpool(size_t /*maxThreads*/, bool /*callerWillJoin*/) {
+    catchStopSignals();
     return OK;
 }
 
 void joinRpcThreadpool() {
-    for (;;) pause();
+    catchStopSignals();
+    while (sem_wait(&gStopRequested) != 0 && errno == EINTR) {
+    }
+    ALOGI("stop signal received, leaving the thread pool");
 }
 
 }  // namespace hardware

@@ -1,0 +1,59 @@
+// The service's main, run on a thread of this process: the host registry is in-process, so this
+// is how a client reaches what the service registered.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+#include <vendor/quenlark/hardware/capture/1.0/ICapture.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+int captureServiceMain(int argc, char** argv);
+
+namespace {
+
+using ::vendor::quenlark::hardware::capture::V1_0::CaptureReturn;
+using ::vendor::quenlark::hardware::capture::V1_0::ICapture;
+
+TEST(CaptureServiceTest, RegistersDefaultServesAndStopsOnSigterm) {
+    unsetenv("CAPTURE_SUBHAL_PATH");
+    unsetenv("CAPTURE_DEVICE_TREE_ROOT");
+    std::packaged_task<int()> run([] {
+        char name[] = "vendor.quenlark.hardware.capture@1.0-service";
+        char* argv[] = {name, nullptr};
+        return captureServiceMain(1, argv);
+    });
+    std::future<int> status = run.get_future();
+    std::thread service(std::move(run));
+
+    ::android::sp<ICapture> capture;
+    for (int i = 0; i < 1000 && capture == nullptr; ++i) {
+        capture = ICapture::getService("default");
+        if (capture == nullptr) usleep(10 * 1000);
+    }
+    if (capture == nullptr) {
+        service.detach();  // main gave up, or never got as far as its stop handler
+        FAIL() << "ICapture/default never registered";
+    }
+    {
+        CaptureReturn opened = CaptureReturn::FAIL;
+        int32_t id = -1;
+        capture->open([&](CaptureReturn ret, int32_t captureId) {
+            opened = ret;
+            id = captureId;
+        });
+        EXPECT_EQ(opened, CaptureReturn::SUCCESS);
+        EXPECT_EQ(capture->close(id), CaptureReturn::SUCCESS);
+    }
+
+    // Sent to the process, as init does; the service's handler was installed before it
+    // registered, so the signal cannot kill the test.
+    kill(getpid(), SIGTERM);
+    const bool stopped = status.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    if (!stopped) _exit(3);  // the thread would keep the process alive
+    service.join();
+    EXPECT_EQ(status.get(), 0);
+}
+
+}  // namespace
