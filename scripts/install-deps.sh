@@ -9,7 +9,7 @@ packages=(
     android-liblog-dev android-libcutils-dev android-libutils-dev android-libbase-dev
     libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
     libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev
-    libyuv-dev libpng-dev
+    libyuv-dev libpng-dev python3
 )
 
 missing=()
