@@ -102,7 +102,8 @@ struct Instance {
     std::chrono::steady_clock::time_point streamStart;
     std::chrono::nanoseconds framePeriod{0};
     uint64_t nextPeriod = 0;
-    uint64_t produced = 0, delivered = 0, dropped = 0, late = 0, frameErrors = 0, continues = 0;
+    uint64_t produced = 0, delivered = 0, dropped = 0, starved = 0, late = 0, frameErrors = 0,
+             continues = 0;
     uint64_t productionNs = 0;  // thread CPU time spent producing frames
 };
 

@@ -255,6 +255,7 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
         }
         if (index == kMaxRingFrames) {
             ++inst->dropped;  // every buffer is with the client
+            ++inst->starved;
             continue;
         }
         inst->heldMask |= 1u << index;
@@ -587,6 +588,7 @@ bool getInstanceStats(int32_t captureId, InstanceStats* out) {
     out->produced = inst->produced;
     out->delivered = inst->delivered;
     out->dropped = inst->dropped + missedSoFar(*inst);
+    out->starved = inst->starved;
     out->late = inst->late;
     out->productionNs = inst->productionNs;
     out->ringFrames = inst->ringFrames;

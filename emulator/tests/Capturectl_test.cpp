@@ -280,9 +280,7 @@ TEST(CapturectlStream, ClientReturningEveryBufferDropsNoneForWantOfOne) {
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("received 300 frames"), std::string::npos) << r.output;
     // None for want of a buffer; on a loaded machine the engine itself may miss a few periods.
-    size_t at = r.output.find("\ndropped ");
-    ASSERT_NE(at, std::string::npos) << r.output;
-    EXPECT_LE(strtoul(r.output.c_str() + at + 9, nullptr, 10), 30u) << r.output;
+    EXPECT_NE(r.output.find(" frames (0 for want of a free buffer)"), std::string::npos) << r.output;
 }
 
 TEST(CapturectlStream, ClientHoldingBuffersSeesDropsCounted) {
@@ -292,6 +290,9 @@ TEST(CapturectlStream, ClientHoldingBuffersSeesDropsCounted) {
     ASSERT_NE(at, std::string::npos) << r.output;
     // Two buffers out for 100 ms each at 60 fps: most frames find no free buffer.
     EXPECT_GT(strtoul(r.output.c_str() + at + 9, nullptr, 10), 12u) << r.output;
+    const size_t starved = r.output.find(" frames (", at);
+    ASSERT_NE(starved, std::string::npos) << r.output;
+    EXPECT_GT(strtoul(r.output.c_str() + starved + 9, nullptr, 10), 12u) << r.output;
 }
 
 // Ctrl-C ends a stream as its time would: stopped, summed up, the last frame written, status 0;

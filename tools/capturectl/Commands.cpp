@@ -504,8 +504,11 @@ void printStreamSummary(const StreamResult& r, const char* indent = "", FILE* ou
             indent, static_cast<unsigned long long>(r.received), r.seconds,
             r.seconds > 0 ? r.received / r.seconds : 0.0, r.heldAvgMs, r.heldMaxMs);
     if (r.haveStats) {
-        fprintf(out, "%sdropped %llu frames, %llu late (hardware produced %llu, delivered %llu)\n",
+        fprintf(out,
+                "%sdropped %llu frames (%llu for want of a free buffer), %llu late (hardware "
+                "produced %llu, delivered %llu)\n",
                 indent, static_cast<unsigned long long>(r.stats.dropped),
+                static_cast<unsigned long long>(r.stats.starved),
                 static_cast<unsigned long long>(r.stats.late),
                 static_cast<unsigned long long>(r.stats.produced),
                 static_cast<unsigned long long>(r.stats.delivered));
@@ -528,6 +531,7 @@ Json streamJson(const StreamResult& r) {
         .num("errors", static_cast<double>(r.errors));
     if (r.haveStats) {
         j.num("dropped", static_cast<double>(r.stats.dropped))
+            .num("starved", static_cast<double>(r.stats.starved))
             .num("late", static_cast<double>(r.stats.late))
             .num("produced", static_cast<double>(r.stats.produced))
             .num("delivered", static_cast<double>(r.stats.delivered));
@@ -551,6 +555,7 @@ StreamResult total(const std::vector<StreamResult>& results, double seconds) {
         all.stats.produced += r.stats.produced;
         all.stats.delivered += r.stats.delivered;
         all.stats.dropped += r.stats.dropped;
+        all.stats.starved += r.stats.starved;
         all.stats.late += r.stats.late;
         all.stats.productionNs += r.stats.productionNs;
     }

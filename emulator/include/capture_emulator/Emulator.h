@@ -82,6 +82,7 @@ struct InstanceStats {
     uint64_t delivered = 0;     // completions handed to the registered entry
     uint64_t dropped = 0;       // frame periods without a frame: the engine missed the period,
                                 // found no free buffer, or an injected drop
+    uint64_t starved = 0;       // of those, the periods whose frame found every buffer held
     uint64_t late = 0;          // frames handed over after their period had ended
     uint64_t productionNs = 0;  // CPU time the engine spent producing the stream's frames
     uint32_t ringFrames = 0;    // buffers of the current stream
