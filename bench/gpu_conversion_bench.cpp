@@ -3,8 +3,6 @@
 // write-back of the destination into its buffer.
 #include <android-base/properties.h>
 #include <benchmark/benchmark.h>
-#include <dirent.h>
-#include <malloc.h>
 #include <ui/GrallocPrivate.h>
 #include <ui/GraphicBuffer.h>
 
@@ -12,6 +10,7 @@
 #include <mutex>
 
 #include "Capture.h"
+#include "Footprint.h"
 #include "hostgl/HostGl.h"
 
 namespace {
@@ -133,15 +132,6 @@ BENCHMARK(BM_GpuConversion1080p)
     ->Unit(benchmark::kMillisecond)
     ->MinTime(2.0);
 
-int openFds() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
 // Small conversions back to back: descriptors and heap in use after 1,000 of them, against what
 // they were after a warm-up (EGL, shaders and the layer's first allocations).
 void BM_GpuConversionLeak(benchmark::State& state) {
@@ -150,17 +140,14 @@ void BM_GpuConversionLeak(benchmark::State& state) {
     sp<GraphicBuffer> dst = filledBuffer(96, 64, pair.dstHal);
     sp<Capture> service = new Capture();
     for (int i = 0; i < 20; ++i) convert(*service, pair, src, dst, 90);
-    const int fds = openFds();
-    const size_t heap = mallinfo2().uordblks;
+    const bench::Footprint before;
     for (auto _ : state) {
         if (!convert(*service, pair, src, dst, 90)) {
             state.SkipWithError("conversion refused");
             break;
         }
     }
-    state.counters["fd_growth"] = openFds() - fds;
-    state.counters["heap_growth_bytes"] =
-        static_cast<double>(mallinfo2().uordblks) - static_cast<double>(heap);
+    before.report(state);
 }
 
 BENCHMARK(BM_GpuConversionLeak)->Iterations(1000)->Unit(benchmark::kMillisecond);

@@ -4,9 +4,7 @@
 // descriptors or heap behind.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <dlfcn.h>
-#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -19,6 +17,7 @@
 #include <vector>
 
 #include "Capture.h"
+#include "Footprint.h"
 #include "VxCaptureHal.h"
 
 namespace {
@@ -322,15 +321,6 @@ void BM_DeliveryCpu(benchmark::State& state) {
 }
 BENCHMARK(BM_DeliveryCpu);
 
-int openFds() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
 // Open/close cycles with a configuration in between: the descriptors and the heap in use after
 // 10,000 of them, against what they were after a warm-up.
 void BM_OpenCloseLeak(benchmark::State& state) {
@@ -343,12 +333,9 @@ void BM_OpenCloseLeak(benchmark::State& state) {
         s.capture->close(id);
     };
     for (int i = 0; i < 100; ++i) cycle();
-    const int fds = openFds();
-    const size_t heap = mallinfo2().uordblks;
+    const bench::Footprint before;
     for (auto _ : state) cycle();
-    state.counters["fd_growth"] = openFds() - fds;
-    state.counters["heap_growth_bytes"] =
-        static_cast<double>(mallinfo2().uordblks) - static_cast<double>(heap);
+    before.report(state);
 }
 BENCHMARK(BM_OpenCloseLeak)->Iterations(10000);
 
