@@ -2,34 +2,25 @@
 
 #include <android-base/properties.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <vector>
+#include <regex>
 
 #include "BandwidthInfo.h"
-#include "CaptureLog.h"
+#include "Doubles.h"
 #include "SubHal.h"
 #include "gpu_draw.h"
 
 namespace capture_test {
 
-TestHandle::TestHandle(int numFds, size_t size, int numInts) {
-    mHandle = native_handle_create(numFds, numInts);
+TestHandle::TestHandle(int numFds, size_t size) : mHandle(native_handle_create(numFds, 0)) {
     for (int i = 0; i < numFds; ++i) {
-        int fd = memfd_create("capture-test", MFD_CLOEXEC);
-        if (fd >= 0 && size > 0) {
-            if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
-                ::close(fd);
-                fd = -1;
-            }
-        }
-        mHandle->data[i] = fd;
+        mHandle->data[i] = memfd_create("capture-test", MFD_CLOEXEC);
+        EXPECT_EQ(0, ftruncate(mHandle->data[i], static_cast<off_t>(size)));
     }
 }
 
@@ -40,42 +31,34 @@ TestHandle::~TestHandle() {
 
 DeviceTree::DeviceTree() {
     char pattern[] = "/tmp/capture-dt-XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    mRoot = std::string(dir != nullptr ? dir : "/tmp/capture-dt-failed") + "/";
+    mRoot = std::string(mkdtemp(pattern)) + "/";
     setenv("CAPTURE_DEVICE_TREE_ROOT", mRoot.c_str(), 1);
 }
 
 DeviceTree::~DeviceTree() {
     unsetenv("CAPTURE_DEVICE_TREE_ROOT");
-    std::error_code ignored;
-    std::filesystem::remove_all(mRoot, ignored);
+    std::filesystem::remove_all(mRoot);
 }
 
-void DeviceTree::setCell(const std::string& relPath, uint32_t value, int bytes) {
-    std::string data;
-    for (int i = bytes - 1; i >= 0; --i) {
-        data.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-    }
-    setRaw(relPath, data);
+void DeviceTree::setCell(const std::string& relPath, uint32_t value) {
+    setRaw(relPath, {char(value >> 24), char(value >> 16), char(value >> 8), char(value)});
 }
 
 void DeviceTree::setRaw(const std::string& relPath, const std::string& bytes) {
-    std::string path = mRoot + relPath;
-    std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    const std::filesystem::path path = mRoot + relPath;
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 void resetProcessState() {
     fake_subhal::reset();
+    FakePq::instance()->reset();
     if (void* library = Capture::mLibHandle.exchange(nullptr)) dlclose(library);
     [](auto&... entries) { (entries.store(nullptr), ...); }(
         mInitCapture, mDeInitCapture, mOpenCapture, mCloseCapture, mSetCaptureInfo,
         mSetCaptureFrameInfo, mGetCaptureCapabilityInfo, mGetCaptureDipInfo, mCaptureOnce,
         mCaptureStart, mCaptureStop, mRegisterCallback, mUnRegisterCallback, mFrameProcessDone,
         mNotifyContinueCapture, mDumpInfo);
-
     {
         std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
         for (auto& row : mSrcFrameInfo) row = CaptureSrcFrameInfo{};
@@ -104,7 +87,7 @@ void resetProcessState() {
     std::memset(static_cast<void*>(bw_info), 0, sizeof(bw_info));
     std::memset(static_cast<void*>(bw_info_hw_set), 0, sizeof(bw_info_hw_set));
 
-    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, loadedHalLevel, __ATOMIC_RELAXED);
+    setLogLevel(loadedHalLevel);
     __atomic_store_n(&GPU_LOG_LEVEL, loadedGpuLevel, __ATOMIC_RELAXED);
     android::base::SetProperty("vendor.zor.capture.forcegpu", "");
     android::base::SetProperty("vendor.zor.capture_hal.dumpdata", "");
@@ -115,12 +98,8 @@ void resetProcessState() {
 }
 
 void ServiceTest::SetUp() {
-    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
+    setLogLevel(64);
     service = new Capture();
-}
-
-void ServiceTest::TearDown() {
-    service.clear();
 }
 
 void ServiceTest::loadLibrary(bool partial) {
@@ -130,19 +109,17 @@ void ServiceTest::loadLibrary(bool partial) {
 
 int32_t ServiceTest::openInstance() {
     int32_t id = -1;
-    CaptureReturn ret = CaptureReturn::FAIL;
     service->open([&](CaptureReturn r, int32_t captureId) {
-        ret = r;
+        EXPECT_EQ(CaptureReturn::SUCCESS, r);
         id = captureId;
     });
-    EXPECT_EQ(CaptureReturn::SUCCESS, ret);
     return id;
 }
 
 void ServiceTest::expectRefusal(const std::string& line, const std::function<void()>& request) {
     for (uint32_t level : {31u, 32u}) {
         SCOPED_TRACE(::testing::Message() << "level " << level);
-        __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, level, __ATOMIC_RELAXED);
+        setLogLevel(level);
         log.clear();
         request();
         std::vector<LogLine> found;
@@ -155,12 +132,38 @@ void ServiceTest::expectRefusal(const std::string& line, const std::function<voi
             EXPECT_EQ("CAPTURE_HIDL", found[0].tag) << line;
         }
     }
-    __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
+    setLogLevel(64);
 }
 
 int countOpenFds() {
     const auto fds = std::filesystem::directory_iterator("/proc/self/fd");
     return static_cast<int>(std::distance(begin(fds), end(fds))) - 1;  // the iterator's own
+}
+
+Strings strippedMessages(const LogCapture& log, size_t limit) {
+    Strings messages;
+    for (const auto& line : log.lines()) messages.push_back(stripLogPrefix(line.message));
+    messages.resize(std::min(limit, messages.size()));
+    return messages;
+}
+
+Strings functionsLogging(const LogCapture& log, const std::string& text) {
+    Strings out;
+    for (const auto& line : log.lines()) {
+        if (line.message.find(text) == std::string::npos) continue;
+        out.push_back(line.message.substr(1, line.message.find(']') - 1));
+    }
+    return out;
+}
+
+Strings rendered(const LogCapture& log) {
+    static const std::regex lineNumber("^(\\[[^\\]]+\\])\\[[0-9]+\\]");
+    Strings out;
+    for (const auto& line : log.lines()) {
+        out.push_back(line.tag + "/" + std::to_string(line.priority) + " " +
+                      std::regex_replace(line.message, lineNumber, "$1"));
+    }
+    return out;
 }
 
 }  // namespace capture_test

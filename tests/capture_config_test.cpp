@@ -11,8 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "Capture.h"
-#include "FakeSubHal.h"
 #include "SubHal.h"
 #include "TestUtil.h"
 
@@ -56,11 +54,6 @@ Bytes bytesOf(std::initializer_list<uint32_t> words) {
 
 void put32(Bytes& rec, size_t offset, uint32_t word) {
     std::memcpy(&rec.at(offset), &word, sizeof(word));
-}
-
-void expectBytes(const Bytes& want, const Bytes& got) {
-    ASSERT_EQ(want.size(), got.size());
-    for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(want[i], got[i]) << "offset " << i;
 }
 
 std::string sizeLine(const std::string& what, int width, int height) {
@@ -192,7 +185,7 @@ TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
         put32(expected, c.offset, c.word);
         const fake_subhal::Call call = fake_subhal::callsOf(Entry::SetCaptureInfo).back();
         EXPECT_EQ(kId, call.captureId);
-        expectBytes(expected, call.rec1);
+        EXPECT_EQ(expected, call.rec1);
         const int32_t point = static_cast<int32_t>(info.capPoint);
         EXPECT_EQ(point >= 2 && point <= 8 ? 77 : -1, mPqStreamInfo[kSlot].pqId);
         EXPECT_EQ(point, mPqStreamInfo[kSlot].capturePoint);
@@ -238,7 +231,7 @@ TEST_F(ConfigTest, CaptureInfoRefusalsInCheckOrder) {
 // Two rounds swap the descriptor counts (a second one travels, else -1) and vary the angle, the
 // source's plane offsets (the second word is 0 when one is given) and its 64-bit colorimetry.
 TEST_F(ConfigTest, FrameRecordsFollowRequest) {
-    fake_subhal::setPlaneOffsets(0x1000, 0x2000);
+    fake_subhal::state().planeOffsets = VX_CAPTURE_PlaneOffset_s{{0x1000, 0x2000}};
     for (bool first : {true, false}) {
         SCOPED_TRACE(first ? "first round" : "second round");
         TestHandle src(first ? 2 : 1);
@@ -253,9 +246,9 @@ TEST_F(ConfigTest, FrameRecordsFollowRequest) {
         const fake_subhal::Call call = fake_subhal::callsOf(Entry::SetCaptureFrameInfo).back();
         EXPECT_EQ(kId, call.captureId);
         const uint32_t colorimetry = first ? 2 : 3;
-        expectBytes(expectedSrc(src.fd(0), first ? src.fd(1) : -1, colorimetry, first ? 0 : 0x200),
-                    call.rec1);
-        expectBytes(expectedDst(dst.fd(0), first ? -1 : dst.fd(1), dstInfo.rotateAngle), call.rec2);
+        EXPECT_EQ(expectedSrc(src.fd(0), first ? src.fd(1) : -1, colorimetry, first ? 0 : 0x200),
+                  call.rec1);
+        EXPECT_EQ(expectedDst(dst.fd(0), first ? -1 : dst.fd(1), dstInfo.rotateAngle), call.rec2);
     }
     // Nothing is kept in the service's tables; the stream binding is dropped, the point stays.
     EXPECT_EQ(0u, mSrcFrameInfo[kSlot].width);
@@ -348,7 +341,7 @@ protected:
         dts = SystemDtsConfig{0x03, 4096, 1, 1, 1, ~0u, ~0u, 4096};
         limits = {0, 0, 0, 0, 0, 0, 0, 0, 0, 16, 4096, 0, 16, 4096, 0};
         fake_subhal::reset();
-        fake_subhal::setCapabilityAnswer(limits);
+        fake_subhal::state().capabilityAnswer = limits;
         mUseGpu[kSlot] = kUntouched;
         log.clear();
     }
@@ -366,7 +359,7 @@ protected:
     // " C" for a capability call, " D0" and " D1" for DipInfo's two modes.
     std::string steps() {
         std::string out;
-        for (const auto& call : fake_subhal::calls()) {
+        for (const auto& call : fake_subhal::state().calls) {
             EXPECT_EQ(kId, call.captureId);
             EXPECT_EQ(q.captureType == 1 ? 1 : 0, call.rec1.at(28)) << "memory-to-memory flag";
             if (call.entry == Entry::GetCapabilityInfo) out += " C";
@@ -435,7 +428,8 @@ TEST_F(CapabilityTest, DecisionTable) {
         if (c.dip == 'n') dts.format_support_list_w = 0;
         ASSERT_TRUE(
             android::base::SetProperty("vendor.zor.capture.forcegpu", c.dip == 'f' ? "1" : "0"));
-        if (c.dipByte0 >= 0) fake_subhal::setDipInfo(0, {uint8_t(c.dipByte0), {}, 0});
+        if (c.dipByte0 >= 0)
+            fake_subhal::state().dipInfo[0] = VX_CAPTURE_DipInfo_s{uint8_t(c.dipByte0), {}, 0};
         if (c.dipByte0 == -2) fake_subhal::setResultOnce(Entry::GetDipInfo, 5);
         if (c.dipByte0 == -3) {
             fake_subhal::setResultOnce(Entry::GetCapabilityInfo, 0);
@@ -479,13 +473,13 @@ TEST_F(CapabilityTest, GpuWidthAlignmentFollowsTheDestinationFormat) {
 // answer copied into the result as the interface lays it out.
 TEST_F(CapabilityTest, RecordsToAndFromTheSubHal) {
     limits = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 16, 0xA7, 0x1234, 64, 4096, 8192, 32, 3840, 7680};
-    fake_subhal::setCapabilityAnswer(limits);
-    fake_subhal::setDipInfo(1, {1, {}, 0x1122334455667788ull});
+    fake_subhal::state().capabilityAnswer = limits;
+    fake_subhal::state().dipInfo[1] = VX_CAPTURE_DipInfo_s{1, {}, 0x1122334455667788ull};
     q = {1280, 720, Fmt::NV12, 640, 360, Fmt::ABGR8888, 90, 4, 6, 1200, 700, 1};
     query();
     ASSERT_EQ(R::SUCCESS, code);
     const uint32_t sent[8] = {1280, 720, 11, 640, 360, 3, 90, 1};
-    for (const auto& call : fake_subhal::calls()) EXPECT_EQ(bytesOf(sent), call.rec1);
+    for (const auto& call : fake_subhal::state().calls) EXPECT_EQ(bytesOf(sent), call.rec1);
     EXPECT_EQ(Bytes(60, 0), fake_subhal::callsOf(Entry::GetCapabilityInfo).at(0).rec2);
     EXPECT_EQ(Bytes(60, 0), fake_subhal::callsOf(Entry::GetCapabilityInfo).at(1).rec2);
     EXPECT_EQ(Bytes(16, 0x01), fake_subhal::callsOf(Entry::GetDipInfo).at(0).rec2);
@@ -523,7 +517,7 @@ protected:
             const bool dip = v == kDip || v == kTile;
             const auto run = [&] {
                 fake_subhal::reset();
-                fake_subhal::setCapabilityAnswer(limits);
+                fake_subhal::state().capabilityAnswer = limits;
                 q.captureType = type;
                 query();
             };

@@ -5,14 +5,12 @@
 #include <functional>
 
 #include "BandwidthInfo.h"
-#include "RecordingCallback.h"
-#include "SpineTestUtil.h"
+#include "Doubles.h"
 
 namespace capture_test {
 namespace {
 
 using E = fake_subhal::Entry;
-using Strings = std::vector<std::string>;
 using ContinuousCaptureTest = SlotTest;
 
 class CaptureOnceTest : public SlotTest {
@@ -54,7 +52,7 @@ TEST_F(CaptureOnceTest, SubHalCaptureConsumesTheConfiguration) {
         EXPECT_EQ(expected, service->captureOnce(id));
         // The figures come first.
         const Strings journal = {"pq.get " + std::to_string(pqId) + "/3", "CaptureOnce"};
-        EXPECT_EQ(pqId >= 0 ? journal : Strings{"CaptureOnce"}, fake_subhal::journal());
+        EXPECT_EQ(pqId >= 0 ? journal : Strings{"CaptureOnce"}, fake_subhal::state().journal);
         EXPECT_EQ(pqId >= 0 ? 4321u : 0u, bw_info[std::max(pqId, 0)][3].u32WinTime);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
         EXPECT_TRUE(frameRowsCleared());
@@ -70,7 +68,7 @@ TEST_F(CaptureOnceTest, GpuInstanceWithUnsupportedFormatKeepsItsFlag) {
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnce(id));
     EXPECT_EQ(Strings{"captureOnce"}, functionsLogging(log, "GPU Not Support!!!"));
     EXPECT_EQ(1u, mUseGpu[slot]);
-    EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
+    EXPECT_TRUE(fake_subhal::state().calls.empty() && pq->calls().empty());
     EXPECT_TRUE(frameRowsCleared() && mPqStreamInfo[slot].pqId == 2);
 }
 
@@ -80,9 +78,10 @@ TEST_F(CaptureOnceTest, WithCallbackRegistersTheSingleShotEntry) {
     bindPq(6);
     mUseGpu[slot] = 1;
     EXPECT_EQ(CaptureReturn::SUCCESS, service->captureOnceWithCallback(id, cb));
-    ASSERT_EQ((Strings{"RegisterCallback", "CaptureOnce"}), fake_subhal::journal());
-    EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureOnceDone), fake_subhal::calls()[0].rec1);
-    EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
+    ASSERT_EQ((Strings{"RegisterCallback", "CaptureOnce"}), fake_subhal::state().journal);
+    EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureOnceDone),
+              fake_subhal::state().calls[0].rec1);
+    EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::state().registrations[id].second);
     EXPECT_EQ(cb, installed());
     EXPECT_TRUE(pq->calls().empty() && !frameRowsCleared() && mPqStreamInfo[slot].pqId == 6 &&
                 mUseGpu[slot] == 1);
@@ -92,15 +91,15 @@ TEST_F(CaptureOnceTest, WithCallbackRegistersTheSingleShotEntry) {
 TEST_F(CaptureOnceTest, FailedOrMissingRegistration) {
     fake_subhal::setResultOnce(E::RegisterCallback, 16);
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, cb));
-    ASSERT_EQ((Strings{"RegisterCallback", "UnRegisterCallback"}), fake_subhal::journal());
-    EXPECT_EQ(fake_subhal::calls()[0].rec1, fake_subhal::calls()[1].rec1);
+    ASSERT_EQ((Strings{"RegisterCallback", "UnRegisterCallback"}), fake_subhal::state().journal);
+    EXPECT_EQ(fake_subhal::state().calls[0].rec1, fake_subhal::state().calls[1].rec1);
     // The failure, the registration and the unregistration, all under the operation's name.
     EXPECT_EQ(Strings(3, "captureOnceWithCallback"), functionsLogging(log, "Register"));
     EXPECT_EQ(nullptr, installed());
     fake_subhal::reset();
     fake_subhal::setResultOnce(E::CaptureOnce, 16);
     EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->captureOnceWithCallback(id, nullptr));
-    EXPECT_EQ(Strings{"CaptureOnce"}, fake_subhal::journal());
+    EXPECT_EQ(Strings{"CaptureOnce"}, fake_subhal::state().journal);
 }
 
 TEST_F(ContinuousCaptureTest, InvalidIdentifiersAreRefusedWithoutSideEffects) {
@@ -125,7 +124,7 @@ TEST_F(ContinuousCaptureTest, InvalidIdentifiersAreRefusedWithoutSideEffects) {
         EXPECT_EQ(CaptureReturn::SUCCESS, service->startAllSourceRotation(bad, {}, cb));
         EXPECT_EQ(CaptureReturn::SUCCESS, service->stopAllSourceRotation(bad));
     }
-    EXPECT_TRUE(fake_subhal::calls().empty() && pq->calls().empty());
+    EXPECT_TRUE(fake_subhal::state().calls.empty() && pq->calls().empty());
     EXPECT_EQ(3, mPqStreamInfo[slot].pqId);
     for (int s = 0; s < kMaxCaptureSlots; ++s)
         EXPECT_TRUE(!Capture::hasCallback(s) && Capture::mCallbackSequeceId[s] == 0) << s;
@@ -139,9 +138,10 @@ TEST_F(ContinuousCaptureTest, StartRegistersWithTheSubHalAndThePqService) {
     EXPECT_EQ(CaptureReturn::SUCCESS, service->startCapture(id, cb));
     // Point index 2, event 4; the capture starts last.
     EXPECT_EQ((Strings{"RegisterCallback", "pq.get 3/2", "pq.register 3/4", "CaptureStart"}),
-              fake_subhal::journal());
-    EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureDone), fake_subhal::calls()[0].rec1);
-    EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::registrationSequence(id));
+              fake_subhal::state().journal);
+    EXPECT_EQ(registrationRecord(&Capture::Callback_CaptureDone),
+              fake_subhal::state().calls[0].rec1);
+    EXPECT_EQ(Capture::mCallbackSequeceId[slot], fake_subhal::state().registrations[id].second);
     EXPECT_EQ(cb, installed());
     EXPECT_EQ(1u, log.countExact("registerPqOnewayCallback: "
                                  "EN_PQ_CALLBACK_EVENT_CAPTUREPOINT_INFO_CHANGE Failed: 3"));
@@ -182,7 +182,7 @@ TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
         fake_subhal::setResultOnce(failing, 16);
         const sp<RecordingCallback> client = withCallback ? cb : nullptr;
         EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, service->startCapture(id, client));
-        EXPECT_EQ(journal, fake_subhal::journal());
+        EXPECT_EQ(journal, fake_subhal::state().journal);
         for (const auto& name : functionsLogging(log, "RegisterCallback"))
             EXPECT_EQ("startCapture", name);
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
@@ -210,7 +210,7 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
         Strings journal = {"CaptureStop"};
         if (pqId >= 0) journal.insert(journal.begin(), "pq.unregister 0/4");
         if (started) journal.insert(journal.begin(), "UnRegisterCallback");
-        EXPECT_EQ(journal, fake_subhal::journal());
+        EXPECT_EQ(journal, fake_subhal::state().journal);
         EXPECT_EQ(nullptr, installed());
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
     }

@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "DeviceTreeConfig.h"
-#include "SpineTestUtil.h"
+#include "TestUtil.h"
 
 namespace capture_test {
 namespace {

@@ -6,8 +6,8 @@
 #include <map>
 
 #include "EnumMapping.h"
-#include "SpineTestUtil.h"
 #include "SubHal.h"
+#include "TestUtil.h"
 
 namespace capture_test {
 namespace {

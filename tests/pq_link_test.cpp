@@ -4,10 +4,7 @@
 #include <tuple>
 
 #include "BandwidthInfo.h"
-#include "Capture.h"
-#include "CaptureLog.h"
-#include "FakePq.h"
-#include "LogCapture.h"
+#include "Doubles.h"
 #include "PqLink.h"
 
 namespace capture_test {

@@ -1,39 +1,31 @@
 // The service spine: loading the sub-HAL, the service object's life, open, close, debug, and the
 // frame records kept per slot.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
-#include <cstring>
+#include <regex>
 
-#include "SpineTestUtil.h"
+#include "Doubles.h"
 #include "SubHal.h"
 #include "gpu_draw.h"
 
 namespace capture_test {
 namespace {
 
-using ::android::sp;
 using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_string;
-using ::android::hardware::Return;
 using fake_subhal::Entry;
-
-template <typename... Pointers>
-std::vector<void*> loaded(const Pointers&... pointers) {
-    return {reinterpret_cast<void*>(pointers.load())...};
-}
 
 // The sixteen entry pointers in the order of fake_subhal::Entry, which is initLib's order.
 std::vector<void*> entryPointers() {
-    return loaded(mInitCapture, mDeInitCapture, mOpenCapture, mCloseCapture, mSetCaptureInfo,
-                  mSetCaptureFrameInfo, mGetCaptureCapabilityInfo, mGetCaptureDipInfo, mCaptureOnce,
-                  mCaptureStart, mCaptureStop, mRegisterCallback, mUnRegisterCallback,
-                  mFrameProcessDone, mNotifyContinueCapture, mDumpInfo);
+    return [](const auto&... p) {
+        return std::vector<void*>{reinterpret_cast<void*>(p.load())...};
+    }(mInitCapture, mDeInitCapture, mOpenCapture, mCloseCapture, mSetCaptureInfo,
+           mSetCaptureFrameInfo, mGetCaptureCapabilityInfo, mGetCaptureDipInfo, mCaptureOnce,
+           mCaptureStart, mCaptureStop, mRegisterCallback, mUnRegisterCallback, mFrameProcessDone,
+           mNotifyContinueCapture, mDumpInfo);
 }
 
 bool pqRowIs(int row, int32_t pqId, int32_t reserved, int32_t point) {
@@ -41,14 +33,8 @@ bool pqRowIs(int row, int32_t pqId, int32_t reserved, int32_t point) {
     return info.pqId == pqId && info.reserved == reserved && info.capturePoint == point;
 }
 
-struct IdleCallback : public ICaptureCallback {
-    Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams&) override {
-        return ::android::hardware::Void();
-    }
-};
-
-sp<IdleCallback> installCallback(int slot) {
-    sp<IdleCallback> callback = new IdleCallback();
+sp<RecordingCallback> installCallback(int slot) {
+    sp<RecordingCallback> callback = new RecordingCallback();
     std::lock_guard<std::mutex> lock(mCallbackMutex);
     Capture::setCallbackLocked(slot, callback);
     return callback;
@@ -78,9 +64,7 @@ TEST_F(SpineTest, StaticImageAndServiceObjectLife) {
     EXPECT_EQ(std::vector<void*>(16, nullptr), entryPointers());
     EXPECT_TRUE(Capture::mLibHandle.load() == nullptr && mGpuDstWidthAlign[0] == 0 &&
                 mCloseFd == nullptr && mSetBlendingDispInfo == nullptr);
-    EXPECT_EQ(Strings{"CAPTURE_HIDL/4 [Capture] "
-                      "[HIDL] Capture Service Constructor"},
-              rendered(log));
+    EXPECT_EQ(Strings{"CAPTURE_HIDL/4 [Capture] [HIDL] Capture Service Constructor"}, rendered(log));
 
     loadLibrary();
     const std::vector<void*> resolved = entryPointers();
@@ -88,10 +72,8 @@ TEST_F(SpineTest, StaticImageAndServiceObjectLife) {
     log.clear();
     service.clear();
     // The library is closed, but no sub-HAL call is made and nothing else is cleared.
-    EXPECT_EQ(Strings{"CAPTURE_HIDL/4 [~Capture] "
-                      "[HIDL] Capture Service Distructor"},
-              rendered(log));
-    EXPECT_TRUE(Capture::mLibHandle.load() == nullptr && fake_subhal::calls().empty());
+    EXPECT_EQ(Strings{"CAPTURE_HIDL/4 [~Capture] [HIDL] Capture Service Distructor"}, rendered(log));
+    EXPECT_TRUE(Capture::mLibHandle.load() == nullptr && fake_subhal::state().calls.empty());
     EXPECT_TRUE(resolved == entryPointers() && mSrcFrameInfo[3].width == 640);
 }
 
@@ -121,7 +103,7 @@ TEST_F(SpineTest, WithoutTheLibraryEveryCallFails) {
         calls += ret == CaptureReturn::INVALID_ARGUMENT && id == 0 ? 1 : 100;
     });
     EXPECT_EQ(1, calls);
-    const sp<IdleCallback> callback = installCallback(4);
+    const sp<RecordingCallback> callback = installCallback(4);
     EXPECT_EQ(CaptureReturn::INVALID_ARGUMENT, service->close(kCaptureIdBase + 4));
     EXPECT_EQ(kBanner, debugInto(*service, {}));
     EXPECT_EQ((Strings{"CAPTURE_HIDL/5 [open] mInitCapture is nullptr!",
@@ -144,6 +126,7 @@ TEST_F(SpineTest, WithoutTheLibraryEveryCallFails) {
               strippedMessages(log));
 }
 
+// A second initLib keeps the library and its entries, and redoes the rest.
 TEST_F(SpineTest, InitLibResolvesEveryEntryThenCompletesStartUp) {
     DeviceTree tree;
     tree.setCell("dip0/capability/CapOSD", 1);
@@ -151,13 +134,14 @@ TEST_F(SpineTest, InitLibResolvesEveryEntryThenCompletesStartUp) {
     loadLibrary();
     void* fake = dlopen(FAKE_SUBHAL_PATH, RTLD_NOW | RTLD_NOLOAD);
     EXPECT_EQ(fake, Capture::mLibHandle.load());
+    const std::vector<void*> pointers = entryPointers();
     for (size_t i = 0; i < fake_subhal::kEntryCount; ++i) {
         const char* symbol = fake_subhal::entryName(static_cast<Entry>(i));
-        EXPECT_EQ(dlsym(fake, symbol), entryPointers()[i]) << symbol;
+        EXPECT_EQ(dlsym(fake, symbol), pointers[i]) << symbol;
     }
     dlclose(fake);
     EXPECT_TRUE(mCloseFd == nullptr && mSetBlendingDispInfo == nullptr);
-    EXPECT_TRUE(fake_subhal::calls().empty());  // VX_CAPTURE_Init is left to open
+    EXPECT_TRUE(fake_subhal::state().calls.empty());  // VX_CAPTURE_Init is left to open
 
     // The device tree is read right after the symbols, CapOSD first.
     EXPECT_EQ((Strings{"Call initLib()", "Capture::initLib get symbol ok.",
@@ -166,7 +150,8 @@ TEST_F(SpineTest, InitLibResolvesEveryEntryThenCompletesStartUp) {
               strippedMessages(log, 4));
     EXPECT_EQ(1u, Capture::mPointsSupportState[12]);
     for (int row = 0; row < kMaxCaptureSlots; ++row) EXPECT_TRUE(pqRowIs(row, -1, -1, 13)) << row;
-    // The host allocator's row alignment of each GPU format, in the order of the table.
+    // The host allocator's row alignment of each GPU format, in the order of the table; a format
+    // it refuses has none.
     const uint32_t formats[] = {20, 262, 1, 5, 22, 43, 4, 3, 16, 21, 17, 54, 0x32315659};
     const uint32_t aligns[kGpuWidthAlignEntries] = {32, 64, 16, 16, 8,  16, 32,
                                                     64, 64, 64, 64, 64, 32};
@@ -176,18 +161,11 @@ TEST_F(SpineTest, InitLibResolvesEveryEntryThenCompletesStartUp) {
             EXPECT_EQ(aligns[i], gpu_get_width_align(formats[i])) << formats[i];
         }
     }
-    // A format the allocator refuses has no alignment.
     for (uint32_t format : {0u, 2000u, 0xFFFFFFFFu}) EXPECT_EQ(0u, gpu_get_width_align(format));
-}
 
-TEST_F(SpineTest, SecondInitLibKeepsTheLibraryAndRedoesTheRest) {
-    DeviceTree tree;
-    loadLibrary();
-    void* library = Capture::mLibHandle.load();
-    const std::vector<void*> pointers = entryPointers();
-    const uint32_t align = mGpuDstWidthAlign[4];
     // Disturb everything the second call must redo. A second dlopen would now find the partial
     // build, which lacks VX_CAPTURE_DumpInfo.
+    void* library = Capture::mLibHandle.load();
     mDumpInfo.store(nullptr);
     mPqStreamInfo[17] = PqStreamInfo{3, 0, 4};
     mGpuDstWidthAlign[4] = 12345;
@@ -195,14 +173,12 @@ TEST_F(SpineTest, SecondInitLibKeepsTheLibraryAndRedoesTheRest) {
     setenv("CAPTURE_SUBHAL_PATH", FAKE_SUBHAL_PARTIAL_PATH, 1);
     log.clear();
     EXPECT_EQ(CaptureReturn::SUCCESS, service->initLib());
-    EXPECT_EQ((Strings{"Call initLib()",
-                       "Capture::initLib libvx3_capture_hal.so "
-                       "is already dlopen.",
+    EXPECT_EQ((Strings{"Call initLib()", "Capture::initLib libvx3_capture_hal.so is already dlopen.",
                        "Capture::initLib get symbol ok.", "Capture::initLib get symbol ok done."}),
               strippedMessages(log, 4));
     EXPECT_TRUE(library == Capture::mLibHandle.load() && pointers == entryPointers());
     EXPECT_TRUE(Capture::mPointsSupportState[12] == 7 && pqRowIs(17, -1, -1, 13) &&
-                mGpuDstWidthAlign[4] == align);
+                mGpuDstWidthAlign[4] == aligns[4]);
 }
 
 TEST_F(SpineTest, OpenFollowsTheSubHal) {
@@ -223,9 +199,9 @@ TEST_F(SpineTest, OpenFollowsTheSubHal) {
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         fake_subhal::reset();
-        fake_subhal::setResult(Entry::Init, c.initStatus);
-        fake_subhal::setResult(Entry::Open, c.openStatus);
-        if (c.handle != 0) fake_subhal::setNextOpenHandle(c.handle);
+        fake_subhal::setResultOnce(Entry::Init, c.initStatus);
+        fake_subhal::setResultOnce(Entry::Open, c.openStatus);
+        if (c.handle != 0) fake_subhal::state().openHandle = c.handle;
         log.clear();
         int calls = 0;
         service->open([&](CaptureReturn ret, int32_t id) {
@@ -235,16 +211,17 @@ TEST_F(SpineTest, OpenFollowsTheSubHal) {
         });
         EXPECT_EQ(1, calls);
         // Open only after a successful Init; both get a zero parameter.
-        const std::vector<fake_subhal::Call> subHal = fake_subhal::calls();
+        const std::vector<fake_subhal::Call> subHal = fake_subhal::state().calls;
         ASSERT_EQ(c.initStatus == 0 ? 2u : 1u, subHal.size());
-        EXPECT_TRUE(subHal[0].entry == Entry::Init && subHal[0].param == 0);
+        EXPECT_TRUE(subHal[0].entry == Entry::Init && subHal[0].arg == 0);
         if (c.initStatus != 0) continue;
-        EXPECT_TRUE(subHal[1].entry == Entry::Open && subHal[1].param == 0);
+        EXPECT_TRUE(subHal[1].entry == Entry::Open && subHal[1].arg == 0);
         const std::string refusal = formatted("open , INVALID_CAPTURE_ID ERROR 0x%x", c.expectedId);
         EXPECT_EQ(c.expected == kBadId ? 1u : 0u, log.countExact(refusal));
     }
 }
 
+// Without a callback there is nothing to unregister; DeInit only after a good Close.
 TEST_F(SpineTest, CloseFollowsTheSubHal) {
     const struct {
         int32_t id;
@@ -259,19 +236,18 @@ TEST_F(SpineTest, CloseFollowsTheSubHal) {
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         fake_subhal::reset();
-        fake_subhal::setResult(Entry::Close, c.closeStatus);
-        fake_subhal::setResult(Entry::DeInit, c.deinitStatus);
+        fake_subhal::setResultOnce(Entry::Close, c.closeStatus);
+        fake_subhal::setResultOnce(Entry::DeInit, c.deinitStatus);
         log.clear();
         EXPECT_EQ(c.expected, service->close(c.id));
-        // Without a callback there is nothing to unregister; DeInit only after a good Close.
-        const Strings both = {"Close", "DeInit"};
-        EXPECT_EQ(c.closeStatus == 0 ? both : Strings{"Close"}, fake_subhal::journal());
-        EXPECT_EQ(c.id, fake_subhal::calls().at(0).captureId);
+        EXPECT_EQ(c.closeStatus == 0 ? (Strings{"Close", "DeInit"}) : Strings{"Close"},
+                  fake_subhal::state().journal);
+        EXPECT_EQ(c.id, fake_subhal::state().calls.at(0).captureId);
         EXPECT_EQ(Strings{formatted("Call close(), captureId: 0x%x", c.id)},
                   strippedMessages(log, 1));
     }
 
-    const sp<IdleCallback> callback = installCallback(0);
+    const sp<RecordingCallback> callback = installCallback(0);
     fake_subhal::reset();
     setLogLevel(32);
     for (int32_t id : {0x73000020, -1, 0x72FFFFFF, INT_MIN, INT_MAX, 0}) {
@@ -281,13 +257,13 @@ TEST_F(SpineTest, CloseFollowsTheSubHal) {
                           formatted("close , INVALID_CAPTURE_ID ERROR 0x%x", id)},
                   rendered(log));
     }
-    EXPECT_TRUE(fake_subhal::calls().empty() && Capture::hasCallback(0));
+    EXPECT_TRUE(fake_subhal::state().calls.empty() && Capture::hasCallback(0));
 }
 
 TEST_F(SpineTest, CloseUnregistersTheCallbackAndLeavesTheRest) {
     loadLibrary();
     const int slot = 5;
-    const sp<IdleCallback> callback = installCallback(slot), neighbour = installCallback(slot + 1);
+    const sp<RecordingCallback> callback = installCallback(slot), neighbour = installCallback(6);
     VX_CAPTURE_CallbackInputParams_s& params = Capture::stCallbackInputParams[slot];
     params.u32Flag = 1;
     params.pu32SequenceId = &Capture::mCallbackSequeceId[slot];
@@ -298,7 +274,7 @@ TEST_F(SpineTest, CloseUnregistersTheCallbackAndLeavesTheRest) {
     // The unregistration's verdict is only logged.
     fake_subhal::setResultOnce(Entry::UnRegisterCallback, 7);
     EXPECT_EQ(CaptureReturn::SUCCESS, service->close(kCaptureIdBase + slot));
-    EXPECT_EQ((Strings{"UnRegisterCallback", "Close", "DeInit"}), fake_subhal::journal());
+    EXPECT_EQ((Strings{"UnRegisterCallback", "Close", "DeInit"}), fake_subhal::state().journal);
     const auto unregistration = fake_subhal::callsOf(Entry::UnRegisterCallback).at(0);
     EXPECT_EQ(kCaptureIdBase + slot, unregistration.captureId);
     ASSERT_EQ(sizeof(params), unregistration.rec1.size());
@@ -306,14 +282,14 @@ TEST_F(SpineTest, CloseUnregistersTheCallbackAndLeavesTheRest) {
     EXPECT_EQ(1u, log.countExact("mUnRegisterCallback fail! ret=7."));
     EXPECT_EQ(1u, log.countExact("Call VX_CAPTURE_UnRegisterCallback(), Ret: 7"));
     EXPECT_EQ(1, callback->getStrongCount());
-    EXPECT_TRUE(!Capture::hasCallback(slot) && Capture::hasCallback(slot + 1));
+    EXPECT_TRUE(!Capture::hasCallback(slot) && Capture::hasCallback(6));
     EXPECT_TRUE(mUseGpu[slot] == 1 && mPqStreamInfo[slot].pqId == 2 &&
                 Capture::mCallbackSequeceId[slot] == 3);
 }
 
 TEST_F(SpineTest, DebugWritesTheBannerThenTheSubHalDump) {
     loadLibrary();
-    fake_subhal::setDumpText("capture instances: 0\n");
+    fake_subhal::state().dumpText = "capture instances: 0\n";
     // Only whether there are options counts, never what they say.
     for (const hidl_vec<hidl_string>& options :
          std::vector<hidl_vec<hidl_string>>{{}, {"-a"}, {""}, {"--verbose", "3"}}) {
@@ -323,7 +299,7 @@ TEST_F(SpineTest, DebugWritesTheBannerThenTheSubHalDump) {
         EXPECT_EQ(Strings{"Call VX_CAPTURE_DumpInfo(), Ret: 0"}, strippedMessages(log));
     }
     // A failing dump is only logged, and its status is not translated.
-    fake_subhal::setResult(Entry::DumpInfo, 5);
+    fake_subhal::setResultOnce(Entry::DumpInfo, 5);
     log.clear();
     EXPECT_EQ(kBanner, debugInto(*service, {}));
     EXPECT_EQ((Strings{"mDumpInfo fail! ret=5.", "Call VX_CAPTURE_DumpInfo(), Ret: 5"}),
@@ -344,23 +320,6 @@ TEST_F(SpineTest, DebugWritesTheBannerThenTheSubHalDump) {
     EXPECT_EQ(-1, fake_subhal::callsOf(Entry::DumpInfo).back().fd);
     native_handle_delete(intsOnly);
     native_handle_delete(negative);
-}
-
-// A kept row copied onto itself keeps its plane offsets and its descriptors.
-TEST(Records, SelfCopyChangesNothing) {
-    TestHandle buffer;
-    CaptureDstFrameInfo dst;
-    dst.buffer = buffer.get();
-    dst.vPlaneOffset = hidl_vec<uint32_t>{0, 2073600};
-    mDstFrameInfo[7] = dst;  // the row owns a clone of the handle
-    CaptureDstFrameInfo& row = mDstFrameInfo[7];
-    const uint32_t* offsets = row.vPlaneOffset.data();
-    const native_handle_t* handle = row.buffer.getNativeHandle();
-    const int fds = countOpenFds();
-    mDstFrameInfo[7] = row;
-    EXPECT_TRUE(row.vPlaneOffset.data() == offsets && row.vPlaneOffset == dst.vPlaneOffset);
-    EXPECT_TRUE(row.buffer.getNativeHandle() == handle && countOpenFds() == fds);
-    EXPECT_NE(-1, fcntl(handle->data[0], F_GETFD));
 }
 
 }  // namespace

@@ -36,24 +36,19 @@ TEST(CaptureServiceTest, RegistersDefaultServesAndStopsOnSigterm) {
         service.detach();  // main gave up, or never got as far as its stop handler
         FAIL() << "ICapture/default never registered";
     }
-    {
-        CaptureReturn opened = CaptureReturn::FAIL;
-        int32_t id = -1;
-        capture->open([&](CaptureReturn ret, int32_t captureId) {
-            opened = ret;
-            id = captureId;
-        });
-        EXPECT_EQ(opened, CaptureReturn::SUCCESS);
-        EXPECT_EQ(capture->close(id), CaptureReturn::SUCCESS);
-    }
+    int32_t id = -1;
+    capture->open([&](CaptureReturn ret, int32_t captureId) {
+        EXPECT_EQ(CaptureReturn::SUCCESS, ret);
+        id = captureId;
+    });
+    EXPECT_EQ(CaptureReturn::SUCCESS, capture->close(id));
 
     // Sent to the process, as init does; the service's handler was installed before it
     // registered, so the signal cannot kill the test.
     kill(getpid(), SIGTERM);
-    const bool stopped = status.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    if (!stopped) _exit(3);  // the thread would keep the process alive
+    if (status.wait_for(std::chrono::seconds(20)) != std::future_status::ready) _exit(3);
     service.join();
-    EXPECT_EQ(status.get(), 0);
+    EXPECT_EQ(0, status.get());
 }
 
 }  // namespace
