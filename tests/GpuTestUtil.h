@@ -1,16 +1,11 @@
 // Helpers of the GPU path's tests.
 #pragma once
 
-#include <EGL/egl.h>
-#include <android/log.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <ui/GraphicBuffer.h>
 
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "LogCapture.h"
@@ -19,22 +14,11 @@
 
 namespace gpu_test {
 
-// CPU read and write, GPU texture and render target, composer: what a capture client asks for.
-constexpr uint32_t kClientUsage = 0x02001B33;
-
-// While alive, the host graphics layer leaves images and shaders to Mesa alone, as on a platform
-// without native-buffer images and the YUV target.
-struct HostGlLayerOff {
-    HostGlLayerOff() { setenv("CAPTURE_HOST_GL", "0", 1); }
-    ~HostGlLayerOff() { unsetenv("CAPTURE_HOST_GL"); }
-    HostGlLayerOff(const HostGlLayerOff&) = delete;
-    HostGlLayerOff& operator=(const HostGlLayerOff&) = delete;
-};
-
-// A buffer of the host allocator as a capture client has it; null when refused.
+// A buffer of the host allocator with the usage a capture client asks for (CPU read and write,
+// GPU texture and render target, composer); null when refused.
 inline ::android::sp<::android::GraphicBuffer> allocate(uint32_t format, int width, int height) {
     ::android::sp<::android::GraphicBuffer> buffer = new ::android::GraphicBuffer(
-        width, height, static_cast<int32_t>(format), kClientUsage, "gpu-test");
+        width, height, static_cast<int32_t>(format), 0x02001B33, "gpu-test");
     return buffer->initCheck() == ::android::NO_ERROR ? buffer : nullptr;
 }
 
