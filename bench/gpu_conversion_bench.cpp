@@ -6,11 +6,10 @@
 #include <ui/GrallocPrivate.h>
 #include <ui/GraphicBuffer.h>
 
-#include <chrono>
 #include <mutex>
 
+#include "BenchUtil.h"
 #include "Capture.h"
-#include "Footprint.h"
 #include "hostgl/HostGl.h"
 
 namespace {
@@ -55,8 +54,8 @@ sp<GraphicBuffer> filledBuffer(uint32_t width, uint32_t height, int32_t format) 
     return buffer;
 }
 
-double ms(uint64_t ns, int64_t iterations) {
-    return iterations > 0 ? static_cast<double>(ns) / 1e6 / static_cast<double>(iterations) : 0;
+double ms(double ns, int64_t iterations) {
+    return iterations > 0 ? ns / 1e6 / static_cast<double>(iterations) : 0;
 }
 
 // Hands the slot a source and a destination, as setCaptureFrameInfo keeps them, and converts.
@@ -66,11 +65,11 @@ bool convert(Capture& service, const Pair& pair, const sp<GraphicBuffer>& src,
     {
         std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
         CaptureSrcFrameInfo& s = mSrcFrameInfo[kSlot] = CaptureSrcFrameInfo{};
-        CaptureDstFrameInfo& d = mDstFrameInfo[kSlot] = CaptureDstFrameInfo{};
         s.format = pair.src;
         s.width = w;
         s.height = h;
         s.buffer = hidl_handle(src->handle);
+        CaptureDstFrameInfo& d = mDstFrameInfo[kSlot] = CaptureDstFrameInfo{};
         d.format = pair.dst;
         d.width = w;
         d.height = h;
@@ -97,17 +96,14 @@ void BM_GpuConversion1080p(benchmark::State& state) {
     }
     sp<Capture> service = new Capture();
     host_gl::resetStats();
-    const auto start = std::chrono::steady_clock::now();
+    const double start = bench::nowNs();
     for (auto _ : state) {
         if (!convert(*service, pair, src, dst, rotation)) {
             state.SkipWithError("conversion refused");
             break;
         }
     }
-    const uint64_t totalNs =
-        static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  std::chrono::steady_clock::now() - start)
-                                  .count());
+    const double totalNs = bench::nowNs() - start;
     const host_gl::Stats s = host_gl::stats();
     if (s.writeBacks != static_cast<uint64_t>(state.iterations())) {
         state.SkipWithError("the host graphics layer drew nothing (CAPTURE_HOST_GL=0?)");
@@ -115,11 +111,11 @@ void BM_GpuConversion1080p(benchmark::State& state) {
     }
     const int64_t n = state.iterations();
     // Set-up is the rest: EGL display and context, shaders, images, and their teardown.
-    const uint64_t layerNs = s.uploadNs + s.drawNs + s.writeBackNs;
-    state.counters["setup_ms"] = ms(totalNs > layerNs ? totalNs - layerNs : 0, n);
-    state.counters["upload_ms"] = ms(s.uploadNs, n);
-    state.counters["draw_ms"] = ms(s.drawNs, n);
-    state.counters["writeback_ms"] = ms(s.writeBackNs, n);
+    const double layerNs = static_cast<double>(s.uploadNs + s.drawNs + s.writeBackNs);
+    state.counters["setup_ms"] = ms(std::max(totalNs - layerNs, 0.0), n);
+    state.counters["upload_ms"] = ms(static_cast<double>(s.uploadNs), n);
+    state.counters["draw_ms"] = ms(static_cast<double>(s.drawNs), n);
+    state.counters["writeback_ms"] = ms(static_cast<double>(s.writeBackNs), n);
 }
 
 BENCHMARK(BM_GpuConversion1080p)
