@@ -216,17 +216,16 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
     // late; holding it keeps it for the stream's life.
     std::shared_ptr<const PatternFrames> picture = job->live ? PatternFrames::of(*job) : nullptr;
     std::vector<BufferPicture> shown(kMaxRingFrames);
-    // So is the picture in every buffer the client does not hold: a whole frame costs far more
-    // than the few glyphs that change from one frame to the next, and streams starting together
-    // would otherwise make their first frames late. The client reads only buffers it is handed.
+    // So is the picture in every buffer of the ring, all of them the engine's at the start: a
+    // whole frame costs far more than the few glyphs that change from one frame to the next, and
+    // streams starting together would otherwise make their first frames late. The client reads
+    // only buffers it is handed.
     if (picture != nullptr) {
         std::unique_lock<std::mutex> held(inst->lock);
         const uint32_t ring = inst->ringFrames;
-        const uint32_t busy = inst->heldMask;
         const PatternClock clock = clockOf(*inst, *job, 0);
         held.unlock();
         for (uint32_t i = 0; i < ring; ++i) {
-            if ((busy & (1u << i)) != 0) continue;
             produceFrame(*job, uint64_t{i} * job->dstLayout.frameStride, clock, &shown[i]);
         }
     }

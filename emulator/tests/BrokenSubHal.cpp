@@ -6,9 +6,11 @@
 //   writes-held     every buffer goes back to the engine before the client has it
 //   no-join         CaptureStop returns at once; the stream stops 150 ms later
 //   late-callback   UnRegisterCallback returns without removing the registration
+//   hangs           CaptureStop never returns
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -62,6 +64,7 @@ uint32_t VX_CAPTURE_Open(uint8_t* p, uint32_t* h) {
     return pass(REAL(VX_CAPTURE_Open)(p, h));
 }
 uint32_t VX_CAPTURE_CaptureStop(int32_t id) {
+    while (fault("hangs")) pause();
     if (!fault("no-join")) return pass(REAL(VX_CAPTURE_CaptureStop)(id));
     std::lock_guard<std::mutex> guard(gLateStops.lock);
     gLateStops.threads.emplace_back([id] {

@@ -244,9 +244,14 @@ TEST(CapturectlConvert, DumpFolderMustLeaveRoomForTheNames) {
 
 TEST(Capturectl, DemoWritesPicturesOfThePattern) {
     std::string dir = tempPath("demo");
-    ToolRun r = run("demo --out-dir " + dir);
+    ToolRun r = run("demo --json --out-dir " + dir);
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("PNG files are in " + dir), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("\"engine\": \"dip\""), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("\"written\": [\"" + dir + "/once.png\", \"" + dir +
+                            "/stream-last.png\", \"" + dir + "/memory-rotated.png\""),
+              std::string::npos)
+        << r.output;
     Picture once(dir + "/once.png"), turned(dir + "/memory-rotated.png"),
         turnedGpu(dir + "/memory-rotated-gpu.png");
     EXPECT_EQ(Picture(dir + "/stream-last.png").image.width, 1280u);

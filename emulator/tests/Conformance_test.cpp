@@ -22,6 +22,10 @@ TEST(ConformanceTest, FaultsFailTheirCheck) {
         {"BROKEN_SUBHAL_FAULT=writes-held", broken, 1, "\nFAIL held-untouched: "},
         {"BROKEN_SUBHAL_FAULT=no-join", broken, 1, "\nFAIL stop-joins: "},
         {"BROKEN_SUBHAL_FAULT=late-callback", broken, 1, "\nFAIL unregister-joins: "},
+        {"BROKEN_SUBHAL_FAULT=hangs", broken + " --timeout 1", 1,
+         "\nFAIL returns: VX_CAPTURE_CaptureStop has not returned after 1 s\n\nconformance: "},
+        // The lines go to stderr, the object to stdout.
+        {"", " --json 2>/dev/null | cat", 0, "\"failed\": 0, \"warnings\": 0, \"results\": [{"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.environment + row.subhal);

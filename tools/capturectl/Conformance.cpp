@@ -228,6 +228,8 @@ private:
     const int mTimeoutS;
     std::mutex mCallLock;
     std::map<std::thread::id, std::pair<const char*, Clock::time_point>> mCalls;  // in progress
+    bool mDone = false;
+    std::condition_variable mWatchEnds;
     Entries e;
     int mChecks = 0, mPassed = 0, mFailed = 0, mWarnings = 0;
     std::mutex mStatusLock;
@@ -252,9 +254,8 @@ uint32_t Harness::watched(const char* entry, Call call) {
 // Runs beside the checks for the whole run. The library's threads may be stuck with the call,
 // so a timeout ends the process here.
 void Harness::watch() {
-    for (;;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        std::lock_guard<std::mutex> guard(mCallLock);
+    std::unique_lock<std::mutex> guard(mCallLock);
+    while (!mWatchEnds.wait_for(guard, std::chrono::milliseconds(100), [&] { return mDone; })) {
         for (const auto& [thread, call] : mCalls) {
             if (Clock::now() - call.second < std::chrono::seconds(mTimeoutS)) continue;
             fail("returns",
@@ -885,7 +886,7 @@ void Harness::summary() {
 }
 
 int Harness::run() {
-    std::thread(&Harness::watch, this).detach();
+    std::thread watchdog(&Harness::watch, this);
     if (resolveEntries()) {
         records();
         if (power()) {
@@ -901,8 +902,11 @@ int Harness::run() {
     }
     {
         std::lock_guard<std::mutex> guard(mCallLock);  // not while the watchdog reports
+        mDone = true;
         summary();
     }
+    mWatchEnds.notify_all();
+    watchdog.join();
     return mFailed == 0 ? kExitOk : kExitRefused;
 }
 
