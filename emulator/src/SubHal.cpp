@@ -225,9 +225,13 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
         const uint32_t ring = inst->ringFrames;
         const PatternClock clock = clockOf(*inst, *job, 0);
         held.unlock();
+        const uint64_t cpuBefore = threadCpuNs();
         for (uint32_t i = 0; i < ring; ++i) {
             produceFrame(*job, uint64_t{i} * job->dstLayout.frameStride, clock, &shown[i]);
         }
+        held.lock();
+        // The engine's work all the same.
+        if (inst->generation == generation) inst->productionNs += threadCpuNs() - cpuBefore;
     }
     // Frame k belongs to the period that starts k periods after `start`, and is late when it
     // is handed over after that period has ended.
