@@ -6,11 +6,10 @@
 #include <ui/GrallocPrivate.h>
 #include <ui/GraphicBuffer.h>
 
-#include <chrono>
 #include <mutex>
 
+#include "BenchUtil.h"
 #include "Capture.h"
-#include "Footprint.h"
 #include "hostgl/HostGl.h"
 
 namespace {
@@ -23,24 +22,20 @@ using ::android::hardware::hidl_handle;
 
 constexpr int kSlot = 3;
 
-struct Pair {
-    CaptureFormat src;
-    int32_t srcHal;
-    CaptureFormat dst;
-    int32_t dstHal;
+// A format as the service names it and as the graphics allocator does.
+struct Format {
+    CaptureFormat capture;
+    int32_t hal;
 };
+constexpr Format kRgba{CaptureFormat::ARGB8888, HAL_PIXEL_FORMAT_RGBA_8888};
+constexpr Format kNv12{CaptureFormat::NV12, GRALLOC_PRIVATE_FORMAT_NV12};
+constexpr Format kNv21{CaptureFormat::NV21, HAL_PIXEL_FORMAT_YCrCb_420_SP};
 
-// One pair per conversion kind: RGB to RGB, RGB to YUV, YUV to RGB, YUV to YUV.
-constexpr Pair kPairs[] = {
-    {CaptureFormat::ARGB8888, HAL_PIXEL_FORMAT_RGBA_8888, CaptureFormat::ARGB8888,
-     HAL_PIXEL_FORMAT_RGBA_8888},
-    {CaptureFormat::ARGB8888, HAL_PIXEL_FORMAT_RGBA_8888, CaptureFormat::NV12,
-     GRALLOC_PRIVATE_FORMAT_NV12},
-    {CaptureFormat::NV12, GRALLOC_PRIVATE_FORMAT_NV12, CaptureFormat::ARGB8888,
-     HAL_PIXEL_FORMAT_RGBA_8888},
-    {CaptureFormat::NV12, GRALLOC_PRIVATE_FORMAT_NV12, CaptureFormat::NV21,
-     HAL_PIXEL_FORMAT_YCrCb_420_SP},
+struct Pair {
+    Format src, dst;
 };
+// One pair per conversion kind: RGB to RGB, RGB to YUV, YUV to RGB, YUV to YUV.
+constexpr Pair kPairs[] = {{kRgba, kRgba}, {kRgba, kNv12}, {kNv12, kRgba}, {kNv12, kNv21}};
 
 sp<GraphicBuffer> filledBuffer(uint32_t width, uint32_t height, int32_t format) {
     sp<GraphicBuffer> buffer = new GraphicBuffer(width, height, format, 0x02001B33, "bench");
@@ -55,8 +50,8 @@ sp<GraphicBuffer> filledBuffer(uint32_t width, uint32_t height, int32_t format) 
     return buffer;
 }
 
-double ms(uint64_t ns, int64_t iterations) {
-    return iterations > 0 ? static_cast<double>(ns) / 1e6 / static_cast<double>(iterations) : 0;
+double ms(double ns, int64_t iterations) {
+    return iterations > 0 ? ns / 1e6 / static_cast<double>(iterations) : 0;
 }
 
 // Hands the slot a source and a destination, as setCaptureFrameInfo keeps them, and converts.
@@ -66,12 +61,12 @@ bool convert(Capture& service, const Pair& pair, const sp<GraphicBuffer>& src,
     {
         std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
         CaptureSrcFrameInfo& s = mSrcFrameInfo[kSlot] = CaptureSrcFrameInfo{};
-        CaptureDstFrameInfo& d = mDstFrameInfo[kSlot] = CaptureDstFrameInfo{};
-        s.format = pair.src;
+        s.format = pair.src.capture;
         s.width = w;
         s.height = h;
         s.buffer = hidl_handle(src->handle);
-        d.format = pair.dst;
+        CaptureDstFrameInfo& d = mDstFrameInfo[kSlot] = CaptureDstFrameInfo{};
+        d.format = pair.dst.capture;
         d.width = w;
         d.height = h;
         d.cropX = w / 12;
@@ -89,25 +84,22 @@ bool convert(Capture& service, const Pair& pair, const sp<GraphicBuffer>& src,
 void BM_GpuConversion1080p(benchmark::State& state) {
     const Pair& pair = kPairs[state.range(0)];
     const uint32_t rotation = static_cast<uint32_t>(state.range(1));
-    sp<GraphicBuffer> src = filledBuffer(1920, 1080, pair.srcHal);
-    sp<GraphicBuffer> dst = filledBuffer(1920, 1080, pair.dstHal);
+    sp<GraphicBuffer> src = filledBuffer(1920, 1080, pair.src.hal);
+    sp<GraphicBuffer> dst = filledBuffer(1920, 1080, pair.dst.hal);
     if (src == nullptr || dst == nullptr) {
         state.SkipWithError("no buffers");
         return;
     }
     sp<Capture> service = new Capture();
     host_gl::resetStats();
-    const auto start = std::chrono::steady_clock::now();
+    const double start = bench::nowNs();
     for (auto _ : state) {
         if (!convert(*service, pair, src, dst, rotation)) {
             state.SkipWithError("conversion refused");
             break;
         }
     }
-    const uint64_t totalNs =
-        static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  std::chrono::steady_clock::now() - start)
-                                  .count());
+    const double totalNs = bench::nowNs() - start;
     const host_gl::Stats s = host_gl::stats();
     if (s.writeBacks != static_cast<uint64_t>(state.iterations())) {
         state.SkipWithError("the host graphics layer drew nothing (CAPTURE_HOST_GL=0?)");
@@ -115,11 +107,11 @@ void BM_GpuConversion1080p(benchmark::State& state) {
     }
     const int64_t n = state.iterations();
     // Set-up is the rest: EGL display and context, shaders, images, and their teardown.
-    const uint64_t layerNs = s.uploadNs + s.drawNs + s.writeBackNs;
-    state.counters["setup_ms"] = ms(totalNs > layerNs ? totalNs - layerNs : 0, n);
-    state.counters["upload_ms"] = ms(s.uploadNs, n);
-    state.counters["draw_ms"] = ms(s.drawNs, n);
-    state.counters["writeback_ms"] = ms(s.writeBackNs, n);
+    const double layerNs = static_cast<double>(s.uploadNs + s.drawNs + s.writeBackNs);
+    state.counters["setup_ms"] = ms(std::max(totalNs - layerNs, 0.0), n);
+    state.counters["upload_ms"] = ms(static_cast<double>(s.uploadNs), n);
+    state.counters["draw_ms"] = ms(static_cast<double>(s.drawNs), n);
+    state.counters["writeback_ms"] = ms(static_cast<double>(s.writeBackNs), n);
 }
 
 BENCHMARK(BM_GpuConversion1080p)
@@ -136,8 +128,8 @@ BENCHMARK(BM_GpuConversion1080p)
 // they were after a warm-up (EGL, shaders and the layer's first allocations).
 void BM_GpuConversionLeak(benchmark::State& state) {
     const Pair& pair = kPairs[1];
-    sp<GraphicBuffer> src = filledBuffer(96, 64, pair.srcHal);
-    sp<GraphicBuffer> dst = filledBuffer(96, 64, pair.dstHal);
+    sp<GraphicBuffer> src = filledBuffer(96, 64, pair.src.hal);
+    sp<GraphicBuffer> dst = filledBuffer(96, 64, pair.dst.hal);
     sp<Capture> service = new Capture();
     for (int i = 0; i < 20; ++i) convert(*service, pair, src, dst, 90);
     const bench::Footprint before;

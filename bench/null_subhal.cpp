@@ -23,12 +23,25 @@ int slotOf(int32_t id) {
 
 extern "C" {
 
-uint32_t VX_CAPTURE_Init(uint8_t*) {
-    return 0;
-}
-uint32_t VX_CAPTURE_DeInit(void) {
-    return 0;
-}
+// The entries that do nothing and succeed.
+#define NULL_ENTRY(name, ...)    \
+    uint32_t name(__VA_ARGS__) { \
+        return 0;                \
+    }
+NULL_ENTRY(VX_CAPTURE_Init, uint8_t*)
+NULL_ENTRY(VX_CAPTURE_DeInit, void)
+NULL_ENTRY(VX_CAPTURE_SetCaptureInfo, int32_t, VX_CAPTURE_CaptureInfo_s*)
+NULL_ENTRY(VX_CAPTURE_SetCaptureFrameInfo, int32_t, VX_CAPTURE_SrcFrameInfo_s*,
+           VX_CAPTURE_DstFrameInfo_s*, VX_CAPTURE_PlaneOffset_s*)
+NULL_ENTRY(VX_CAPTURE_GetDipInfo, int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_DipInfo_s*,
+           uint32_t)
+NULL_ENTRY(VX_CAPTURE_CaptureOnce, int32_t)
+NULL_ENTRY(VX_CAPTURE_CaptureStart, int32_t)
+NULL_ENTRY(VX_CAPTURE_CaptureStop, int32_t)
+NULL_ENTRY(VX_CAPTURE_FrameProcessDone, int32_t, uint32_t)
+NULL_ENTRY(VX_CAPTURE_NotifyContinueCapture, int32_t)
+NULL_ENTRY(VX_CAPTURE_DumpInfo, int32_t, uint32_t)
+
 uint32_t VX_CAPTURE_Open(uint8_t*, uint32_t* handle) {
     for (int s = 0; s < kSlots; ++s) {
         bool closed = false;
@@ -45,29 +58,9 @@ uint32_t VX_CAPTURE_Close(int32_t id) {
     gOpen[s] = false;
     return 0;
 }
-uint32_t VX_CAPTURE_SetCaptureInfo(int32_t, VX_CAPTURE_CaptureInfo_s*) {
-    return 0;
-}
-uint32_t VX_CAPTURE_SetCaptureFrameInfo(int32_t, VX_CAPTURE_SrcFrameInfo_s*,
-                                        VX_CAPTURE_DstFrameInfo_s*, VX_CAPTURE_PlaneOffset_s*) {
-    return 0;
-}
 uint32_t VX_CAPTURE_GetCapabilityInfo(int32_t, VX_CAPTURE_setQueryInfo_s*,
                                       VX_CAPTURE_getQueryInfo_s* answer) {
     answer->src_max_width = answer->dst_max_width = 4096;
-    return 0;
-}
-uint32_t VX_CAPTURE_GetDipInfo(int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_DipInfo_s*,
-                               uint32_t) {
-    return 0;
-}
-uint32_t VX_CAPTURE_CaptureOnce(int32_t) {
-    return 0;
-}
-uint32_t VX_CAPTURE_CaptureStart(int32_t) {
-    return 0;
-}
-uint32_t VX_CAPTURE_CaptureStop(int32_t) {
     return 0;
 }
 uint32_t VX_CAPTURE_RegisterCallback(int32_t id, VX_CAPTURE_CallbackInputParams_s* params, void*) {
@@ -81,15 +74,6 @@ uint32_t VX_CAPTURE_UnRegisterCallback(int32_t id, VX_CAPTURE_CallbackInputParam
     const int s = slotOf(id);
     if (s < 0) return 7;
     gEntry[s] = nullptr;
-    return 0;
-}
-uint32_t VX_CAPTURE_FrameProcessDone(int32_t, uint32_t) {
-    return 0;
-}
-uint32_t VX_CAPTURE_NotifyContinueCapture(int32_t) {
-    return 0;
-}
-uint32_t VX_CAPTURE_DumpInfo(int32_t, uint32_t) {
     return 0;
 }
 

@@ -1,87 +1,63 @@
 // What the service adds to the vendor library: each ICapture method against the bare sub-HAL
-// entries it calls (on a sub-HAL whose entries return at once), the delivery of a completion to
-// the client's onNotify with 1 and 32 streams running, and whether many open/close cycles leave
-// descriptors or heap behind.
+// entries it calls (on a sub-HAL whose entries return at once, linked in so that the service's
+// dlopen finds the same library), the delivery of a completion to the client's onNotify with 1 and
+// 32 streams running, and whether many open/close cycles leave descriptors or heap behind.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <thread>
 #include <vector>
 
+#include "BenchUtil.h"
 #include "Capture.h"
-#include "Footprint.h"
 #include "VxCaptureHal.h"
+
+extern "C" int NullSubHal_Complete(int32_t id, VX_CAPTURE_CaptureDoneInfo_s* info);
 
 namespace {
 
 using namespace ::vendor::quenlark::hardware::capture::V1_0;
 using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 using ::android::sp;
-using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
-using Clock = std::chrono::steady_clock;
 
-// The vendor library's entries, reached as the service reaches them.
-struct Bare {
-    void* lib = nullptr;
-    template <typename F>
-    F entry(const char* name) const {
-        return reinterpret_cast<F>(dlsym(lib, name));
-    }
-};
-
-thread_local Clock::time_point tFired;          // when the sub-HAL called the completion entry
-thread_local std::vector<int64_t>* tLatencies;  // this stream's samples, or none
+thread_local double tFiredNs;                  // when the sub-HAL called the completion entry
+thread_local std::vector<double>* tLatencies;  // this stream's samples, or none
 
 struct TimingCallback : public ICaptureCallback {
     Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams&) override {
-        if (tLatencies != nullptr) {
-            tLatencies->push_back(
-                std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - tFired).count());
-        }
+        if (tLatencies != nullptr) tLatencies->push_back(bench::nowNs() - tFiredNs);
         return Void();
     }
 };
 
+// One service on the null sub-HAL, with one instance open and a 4 MiB buffer; the warnings it
+// logs are dropped.
 struct Service {
-    sp<ICapture> capture;
-    Bare bare;
-    int (*complete)(int32_t, VX_CAPTURE_CaptureDoneInfo_s*) = nullptr;
-    int32_t id = -1;
-    int memfd = -1;
-    native_handle_t* buffer = nullptr;
-};
-
-// One service on the null sub-HAL, with one instance open; the warnings it logs are dropped.
-Service& service() {
-    static Service* s = [] {
+    Service() {
         setenv("CAPTURE_SUBHAL_PATH", NULL_SUBHAL_PATH, 1);
         setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 1);
         __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
-        auto* out = new Service();
-        sp<Capture> capture = new Capture();
-        capture->initLib();
-        out->capture = capture;
-        out->bare.lib = dlopen(NULL_SUBHAL_PATH, RTLD_NOW | RTLD_NOLOAD);
-        out->complete =
-            out->bare.entry<int (*)(int32_t, VX_CAPTURE_CaptureDoneInfo_s*)>("NullSubHal_Complete");
-        out->capture->open([&](CaptureReturn, int32_t id) { out->id = id; });
-        out->memfd = memfd_create("bench", MFD_CLOEXEC);
-        if (ftruncate(out->memfd, 1 << 22) != 0) abort();
-        out->buffer = native_handle_create(1, 0);
-        out->buffer->data[0] = out->memfd;
-        return out;
-    }();
+        sp<Capture> service = new Capture();
+        service->initLib();
+        capture = service;
+        capture->open([&](CaptureReturn, int32_t opened) { id = opened; });
+        buffer->data[0] = memfd_create("bench", MFD_CLOEXEC);
+        if (ftruncate(buffer->data[0], 1 << 22) != 0) abort();
+    }
+    sp<ICapture> capture;
+    int32_t id = -1;
+    native_handle_t* buffer = native_handle_create(1, 0);
+};
+
+Service& service() {
+    static Service* s = new Service();
     return *s;
 }
 
@@ -89,15 +65,12 @@ CaptureInfo liveInfo(const native_handle_t* buffer) {
     CaptureInfo info{};
     info.capPoint = CapturePoint(1);
     info.pqId = -1;
-    info.srcWidth = 1920;
-    info.srcHeight = 1080;
+    info.srcWidth = info.cropWidth = 1920;
+    info.srcHeight = info.cropHeight = 1080;
     info.hwEngine = 1;
-    info.srcFps = 60;
-    info.cropWidth = 1920;
-    info.cropHeight = 1080;
+    info.srcFps = info.dstFps = 60;
     info.dstWidth = 1280;
     info.dstHeight = 720;
-    info.dstFps = 60;
     info.dstFmt = CaptureFormat::NV12;
     info.dstBuffer = buffer;
     return info;
@@ -113,31 +86,6 @@ struct Method {
 std::vector<Method> methods() {
     Service& s = service();
     const int32_t id = s.id;
-    const Bare& b = s.bare;
-    const auto setInfo =
-        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_CaptureInfo_s*)>("VX_CAPTURE_SetCaptureInfo");
-    const auto setFrame =
-        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_SrcFrameInfo_s*, VX_CAPTURE_DstFrameInfo_s*,
-                             VX_CAPTURE_PlaneOffset_s*)>("VX_CAPTURE_SetCaptureFrameInfo");
-    const auto caps =
-        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_getQueryInfo_s*)>(
-            "VX_CAPTURE_GetCapabilityInfo");
-    const auto dip =
-        b.entry<uint32_t (*)(int32_t, VX_CAPTURE_setQueryInfo_s*, VX_CAPTURE_DipInfo_s*, uint32_t)>(
-            "VX_CAPTURE_GetDipInfo");
-    const auto byId = [&](const char* name) { return b.entry<uint32_t (*)(int32_t)>(name); };
-    const auto once = byId("VX_CAPTURE_CaptureOnce"), start = byId("VX_CAPTURE_CaptureStart"),
-               stop = byId("VX_CAPTURE_CaptureStop"), close = byId("VX_CAPTURE_Close"),
-               next = byId("VX_CAPTURE_NotifyContinueCapture");
-    const auto reg = b.entry<uint32_t (*)(int32_t, VX_CAPTURE_CallbackInputParams_s*, void*)>(
-        "VX_CAPTURE_RegisterCallback");
-    const auto unreg = b.entry<uint32_t (*)(int32_t, VX_CAPTURE_CallbackInputParams_s*)>(
-        "VX_CAPTURE_UnRegisterCallback");
-    const auto done = b.entry<uint32_t (*)(int32_t, uint32_t)>("VX_CAPTURE_FrameProcessDone");
-    const auto init = b.entry<uint32_t (*)(uint8_t*)>("VX_CAPTURE_Init");
-    const auto deinit = b.entry<uint32_t (*)()>("VX_CAPTURE_DeInit");
-    const auto open = b.entry<uint32_t (*)(uint8_t*, uint32_t*)>("VX_CAPTURE_Open");
-
     const CaptureInfo info = liveInfo(s.buffer);
     CaptureSrcFrameInfo src{};
     src.width = 1920;
@@ -155,43 +103,37 @@ std::vector<Method> methods() {
     sp<ICaptureCallback> cb = new TimingCallback();
     const sp<ICapture>& c = s.capture;
     const auto ok = [](const Return<CaptureReturn>& r) { return r == CaptureReturn::SUCCESS; };
+    // Methods answering through a callback: whether it said SUCCESS.
+    const auto answered = [](auto call) {
+        bool good = false;
+        call([&](CaptureReturn r, const auto&) { good = r == CaptureReturn::SUCCESS; });
+        return good;
+    };
     return {
         {"setCaptureInfo", [=] { return ok(c->setCaptureInfo(id, info)); },
          [=] {
              VX_CAPTURE_CaptureInfo_s rec{};
-             setInfo(id, &rec);
+             VX_CAPTURE_SetCaptureInfo(id, &rec);
          }},
         {"setCaptureFrameInfo",
-         [=] {
-             bool good = false;
-             c->setCaptureFrameInfo(id, src, dst, [&](CaptureReturn r, const hidl_vec<uint32_t>&) {
-                 good = r == CaptureReturn::SUCCESS;
-             });
-             return good;
-         },
+         [=] { return answered([&](auto reply) { c->setCaptureFrameInfo(id, src, dst, reply); }); },
          [=] {
              VX_CAPTURE_SrcFrameInfo_s rs{};
              VX_CAPTURE_DstFrameInfo_s rd{};
              VX_CAPTURE_PlaneOffset_s planes{};
-             setFrame(id, &rs, &rd, &planes);
+             VX_CAPTURE_SetCaptureFrameInfo(id, &rs, &rd, &planes);
          }},
         {"getCaptureCapabilityInfo",
-         [=] {
-             bool good = false;
-             c->getCaptureCapabilityInfo(id, query, [&](CaptureReturn r, const getQueryInfo&) {
-                 good = r == CaptureReturn::SUCCESS;
-             });
-             return good;
-         },
+         [=] { return answered([&](auto reply) { c->getCaptureCapabilityInfo(id, query, reply); }); },
          [=] {  // a stream query asks the limits, the DIP, then the limits again
              VX_CAPTURE_setQueryInfo_s q{};
              VX_CAPTURE_getQueryInfo_s a{};
              VX_CAPTURE_DipInfo_s d{};
-             caps(id, &q, &a);
-             dip(id, &q, &d, 1);
-             caps(id, &q, &a);
+             VX_CAPTURE_GetCapabilityInfo(id, &q, &a);
+             VX_CAPTURE_GetDipInfo(id, &q, &d, 1);
+             VX_CAPTURE_GetCapabilityInfo(id, &q, &a);
          }},
-        {"captureOnce", [=] { return ok(c->captureOnce(id)); }, [=] { once(id); }},
+        {"captureOnce", [=] { return ok(c->captureOnce(id)); }, [=] { VX_CAPTURE_CaptureOnce(id); }},
         {"startCapture+stopCapture",
          [=] { return ok(c->startCapture(id, cb)) && ok(c->stopCapture(id)); },
          [=] {
@@ -199,14 +141,15 @@ std::vector<Method> methods() {
              VX_CAPTURE_CallbackInputParams_s params{};
              params.pu32SequenceId = &sequence;
              uint8_t out[8];
-             reg(id, &params, out);
-             start(id);
-             unreg(id, &params);
-             stop(id);
+             VX_CAPTURE_RegisterCallback(id, &params, out);
+             VX_CAPTURE_CaptureStart(id);
+             VX_CAPTURE_UnRegisterCallback(id, &params);
+             VX_CAPTURE_CaptureStop(id);
          }},
-        {"frameProcessDone", [=] { return ok(c->frameProcessDone(id, 0)); }, [=] { done(id, 0); }},
+        {"frameProcessDone", [=] { return ok(c->frameProcessDone(id, 0)); },
+         [=] { VX_CAPTURE_FrameProcessDone(id, 0); }},
         {"notifyContinueCapture", [=] { return ok(c->notifyContinueCapture(id)); },
-         [=] { next(id); }},
+         [=] { VX_CAPTURE_NotifyContinueCapture(id); }},
         {"setCallback", [=] { return c->setCallback(id, cb).isOk(); }, [] {}},
         {"open+close",
          [=] {
@@ -217,18 +160,12 @@ std::vector<Method> methods() {
          [=] {
              uint8_t param = 0;
              uint32_t handle = 0;
-             init(&param);
-             open(&param, &handle);
-             close(static_cast<int32_t>(handle));
-             deinit();
+             VX_CAPTURE_Init(&param);
+             VX_CAPTURE_Open(&param, &handle);
+             VX_CAPTURE_Close(static_cast<int32_t>(handle));
+             VX_CAPTURE_DeInit();
          }},
     };
-}
-
-double threadCpuNs() {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) * 1e9 + static_cast<double>(t.tv_nsec);
 }
 
 // CPU time per call through the service, and of the bare entries for as many calls; the
@@ -241,11 +178,11 @@ void BM_PerCall(benchmark::State& state) {
         state.SkipWithError("the service refused the call");
         return;
     }
-    const double t0 = threadCpuNs();
+    const double t0 = bench::nowNs(CLOCK_THREAD_CPUTIME_ID);
     for (auto _ : state) benchmark::DoNotOptimize(m.service());
-    const double t1 = threadCpuNs();
+    const double t1 = bench::nowNs(CLOCK_THREAD_CPUTIME_ID);
     for (int64_t i = 0; i < state.iterations(); ++i) m.bare();
-    const double t2 = threadCpuNs();
+    const double t2 = bench::nowNs(CLOCK_THREAD_CPUTIME_ID);
     const double n = static_cast<double>(state.iterations());
     state.counters["service_ns"] = (t1 - t0) / n;
     state.counters["bare_ns"] = (t2 - t1) / n;
@@ -253,11 +190,11 @@ void BM_PerCall(benchmark::State& state) {
 }
 BENCHMARK(BM_PerCall)->DenseRange(0, 8);
 
-double percentile(std::vector<int64_t>& v, double p) {
+double percentile(std::vector<double>& v, double p) {
     if (v.empty()) return 0;
     const size_t k = std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())));
     std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(k), v.end());
-    return static_cast<double>(v[k]);
+    return v[k];
 }
 
 // Each stream completes frames from a thread of its own, at 1,000 per second (a harsher load than
@@ -278,20 +215,21 @@ void BM_DeliveryLatency(benchmark::State& state) {
     }
     sp<ICaptureCallback> cb = new TimingCallback();
     for (int32_t id : ids) s.capture->startCapture(id, cb);
-    std::vector<std::vector<int64_t>> samples(ids.size());
+    std::vector<std::vector<double>> samples(ids.size());
     for (auto _ : state) {
         std::vector<std::thread> threads;
-        const auto end = Clock::now() + std::chrono::seconds(2);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
         for (size_t k = 0; k < ids.size(); ++k) {
             threads.emplace_back([&, k] {
                 tLatencies = &samples[k];
                 tLatencies->reserve(4096);
                 VX_CAPTURE_CaptureDoneInfo_s info{};
-                for (auto next = Clock::now(); next < end; next += std::chrono::milliseconds(1)) {
+                for (auto next = std::chrono::steady_clock::now(); next < end;
+                     next += std::chrono::milliseconds(1)) {
                     std::this_thread::sleep_until(next);
                     info.index = (info.index + 1) % 8;
-                    tFired = Clock::now();
-                    s.complete(ids[k], &info);
+                    tFiredNs = bench::nowNs();
+                    NullSubHal_Complete(ids[k], &info);
                 }
                 tLatencies = nullptr;
             });
@@ -300,7 +238,7 @@ void BM_DeliveryLatency(benchmark::State& state) {
     }
     for (int32_t id : ids) s.capture->stopCapture(id);
     for (size_t k = 1; k < ids.size(); ++k) s.capture->close(ids[k]);
-    std::vector<int64_t> all;
+    std::vector<double> all;
     for (auto& v : samples) all.insert(all.end(), v.begin(), v.end());
     state.counters["frames"] = static_cast<double>(all.size());
     state.counters["median_ns"] = percentile(all, 0.5);
@@ -316,7 +254,7 @@ void BM_DeliveryCpu(benchmark::State& state) {
     sp<ICaptureCallback> cb = new TimingCallback();
     s.capture->startCapture(s.id, cb);
     VX_CAPTURE_CaptureDoneInfo_s info{};
-    for (auto _ : state) benchmark::DoNotOptimize(s.complete(s.id, &info));
+    for (auto _ : state) benchmark::DoNotOptimize(NullSubHal_Complete(s.id, &info));
     s.capture->stopCapture(s.id);
 }
 BENCHMARK(BM_DeliveryCpu);

@@ -47,12 +47,14 @@ private:
 };
 
 // Every trace is formatted (its arguments evaluated on every path), then dropped unless
-// CAPTURE_FUZZ_LOG is set (to read what an input did).
-inline void quietLogs() {
+// CAPTURE_FUZZ_LOG is set (to read what an input did); for every target, as it loads.
+inline const bool kQuietLogs = [] {
     __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
-    if (getenv("CAPTURE_FUZZ_LOG") != nullptr) return;
-    __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
-}
+    if (getenv("CAPTURE_FUZZ_LOG") == nullptr) {
+        __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
+    }
+    return true;
+}();
 
 inline void clearFolder(const std::string& root) {
     nftw(

@@ -65,11 +65,6 @@ void complete(bool once, int32_t id, capture_fuzz::Input& in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    capture_fuzz::quietLogs();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const sp<Capture> service = new Capture();
     capture_fuzz::Input in(data, size);

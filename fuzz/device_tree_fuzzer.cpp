@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -40,16 +41,12 @@ void clearTree() {
 }
 
 void writeFile(const std::string& path, const std::string& bytes) {
-    if (FILE* file = fopen(path.c_str(), "wbe")) {
-        fwrite(bytes.data(), 1, bytes.size(), file);
-        fclose(file);
-    }
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    capture_fuzz::quietLogs();
     gRoot = capture_fuzz::scratchFolder("/dev/shm/");
     setenv("CAPTURE_DEVICE_TREE_ROOT", gRoot.c_str(), 1);
     return 0;

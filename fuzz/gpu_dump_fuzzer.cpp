@@ -21,7 +21,6 @@ std::string gRoot;  // ends with '/'
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    capture_fuzz::quietLogs();
     gpu_set_debug_log_level(64);
     gRoot = capture_fuzz::scratchFolder("/tmp/");
     android::base::SetProperty(kDumpDataProperty, "1");

@@ -112,7 +112,6 @@ void query(int32_t id, Input& in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    capture_fuzz::quietLogs();
     // Mesa's driver would otherwise be unloaded at the end of every conversion, taking the
     // names of what it keeps for the process with it.
     host_gl::keepDriverLoaded();

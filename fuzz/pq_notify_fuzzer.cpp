@@ -7,11 +7,6 @@
 
 using namespace ::vendor::quenlark::hardware::capture::V1_0::implementation;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    capture_fuzz::quietLogs();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     capture_fuzz::Input in(data, size);
     for (int k = 0; k < 2; ++k) {

@@ -6,6 +6,10 @@
 - The .hal files of each HIDL package are the srcs of its hidl_interface.
 - The init script starts the binary CMake and Android.bp build, and names the interface and
   instance that the VINTF fragment declares.
+- Every Android.bp is laid out as bpfmt leaves it: the file is parsed and printed again by the
+  formatter's rules (4-space indents, one property per line with a trailing comma, a list of
+  more than one value one value per line, a one-value list as written, one blank line at most
+  between blocks) and must come out unchanged.
 Prints every mismatch; exit status 1 if there is one.
 """
 import argparse
@@ -33,6 +37,103 @@ def bp_modules(path):
                 "srcs": re.findall(r'"([^"]+)"', srcs.group(1)) if srcs else [],
             }
     return modules
+
+
+TOKEN = re.compile(r'\s*(//[^\n]*|"(?:[^"\\]|\\.)*"|[\w.@-]+|[{}\[\]:,=+])')
+
+
+def bp_tokens(text):
+    """(token, line) pairs; comments are tokens too."""
+    pos, line, out = 0, 1, []
+    while pos < len(text):
+        m = TOKEN.match(text, pos)
+        if not m:
+            if text[pos:].strip():
+                raise ValueError(f"line {line}: cannot read {text[pos:pos + 20]!r}")
+            break
+        line += text.count("\n", pos, m.start(1))
+        out.append((m.group(1), line))
+        pos = m.end()
+    return out
+
+
+def bpfmt(text):
+    """The file as bpfmt prints the subset of Blueprint used here."""
+    tokens = bp_tokens(text)
+    i = 0
+    lines = []  # (text, source line of its first token)
+
+    def take(expected=None):
+        nonlocal i
+        tok, line = tokens[i]
+        if expected is not None and tok != expected:
+            raise ValueError(f"line {line}: expected {expected!r}, found {tok!r}")
+        i += 1
+        return tok, line
+
+    def value(indent):
+        tok, line = tokens[i]
+        if tok == "[":
+            take("[")
+            items = []
+            while tokens[i][0] != "]":
+                items.append(take()[0])
+                if tokens[i][0] == ",":
+                    take(",")
+            end = take("]")[1]
+            if len(items) > 1 or end != line:
+                inner = " " * (indent + 4)
+                return "[\n" + "".join(f"{inner}{v},\n" for v in items) + " " * indent + "]"
+            return "[" + "".join(items) + "]"
+        if tok == "{":
+            return block(indent)
+        return take()[0]
+
+    def block(indent):
+        take("{")
+        body = []
+        while tokens[i][0] != "}":
+            if tokens[i][0].startswith("//"):
+                body.append(" " * (indent + 4) + take()[0])
+                continue
+            key = take()[0]
+            take(":")
+            body.append(" " * (indent + 4) + f"{key}: {value(indent + 4)},")
+            if tokens[i][0] == ",":
+                take(",")
+        take("}")
+        return "{\n" + "".join(b + "\n" for b in body) + " " * indent + "}" if body else "{}"
+
+    previous_end = None
+    while i < len(tokens):
+        tok, line = tokens[i]
+        if previous_end is not None and line > previous_end + 1:
+            lines.append("")
+        if tok.startswith("//"):
+            take()
+            lines.append(tok)
+            previous_end = line
+            continue
+        kind = take()[0]
+        lines.append(f"{kind} {block(0)}")
+        previous_end = tokens[i - 1][1]
+    return "\n".join(lines) + "\n"
+
+
+def check_layout(path):
+    text = open(path).read()
+    try:
+        formatted = bpfmt(text)
+    except (ValueError, IndexError) as e:
+        errors.append(f"{path}: not readable as Blueprint ({e})")
+        return
+    if formatted != text:
+        got, want = text.splitlines(), formatted.splitlines()
+        n = next((k for k in range(min(len(got), len(want))) if got[k] != want[k]),
+                 min(len(got), len(want)))
+        errors.append(f"{path}:{n + 1}: not as bpfmt lays it out: "
+                      f"{got[n] if n < len(got) else '<end>'!r}, "
+                      f"expected {want[n] if n < len(want) else '<end>'!r}")
 
 
 def compare(what, built, listed, built_means="built"):
@@ -87,6 +188,10 @@ def main():
             errors.append(f"{name}: root is not {PACKAGE_ROOT}")
     if PACKAGE_ROOT not in bp_modules(os.path.join(args.root, "Android.bp")):
         errors.append(f"Android.bp: no package root {PACKAGE_ROOT}")
+
+    for path in sorted(glob.glob(os.path.join(args.root, "**", "Android.bp"), recursive=True)):
+        if "/build/" not in path.replace(args.root, "", 1):
+            check_layout(path)
 
     # Init script and VINTF fragment, as the cc_binary names them.
     rc_name = re.search(r'init_rc:\s*\["([^"]+)"\]', service["body"])

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the tests, the fuzz targets and the demo need
 # (libclang-rt-14-dev brings clang's sanitizer and libFuzzer runtimes). Idempotent: does
-# nothing when everything is already there.
+# nothing when everything is already there. The armhf libraries of the 32-bit build are not
+# installed but unpacked by scripts/armhf-deps.sh.
 set -euo pipefail
 
 packages=(
@@ -10,6 +11,7 @@ packages=(
     libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
     libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev
     libyuv-dev libpng-dev python3
+    crossbuild-essential-armhf qemu-user
 )
 
 missing=()

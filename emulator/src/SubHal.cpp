@@ -215,11 +215,28 @@ void streamWorker(std::shared_ptr<Instance> inst, std::shared_ptr<const Job> job
     // The live picture is made before the first period begins, which it would otherwise make
     // late; holding it keeps it for the stream's life.
     std::shared_ptr<const PatternFrames> picture = job->live ? PatternFrames::of(*job) : nullptr;
+    std::vector<BufferPicture> shown(kMaxRingFrames);
+    // So is the picture in every buffer of the ring, all of them the engine's at the start: a
+    // whole frame costs far more than the few glyphs that change from one frame to the next, and
+    // streams starting together would otherwise make their first frames late. The client reads
+    // only buffers it is handed.
+    if (picture != nullptr) {
+        std::unique_lock<std::mutex> held(inst->lock);
+        const uint32_t ring = inst->ringFrames;
+        const PatternClock clock = clockOf(*inst, *job, 0);
+        held.unlock();
+        const uint64_t cpuBefore = threadCpuNs();
+        for (uint32_t i = 0; i < ring; ++i) {
+            produceFrame(*job, uint64_t{i} * job->dstLayout.frameStride, clock, &shown[i]);
+        }
+        held.lock();
+        // The engine's work all the same.
+        if (inst->generation == generation) inst->productionNs += threadCpuNs() - cpuBefore;
+    }
     // Frame k belongs to the period that starts k periods after `start`, and is late when it
     // is handed over after that period has ended.
     const auto start = Clock::now();
     uint64_t sinceNotify = 0;
-    std::vector<BufferPicture> shown(kMaxRingFrames);
     std::unique_lock<std::mutex> held(inst->lock);
     auto stopped = [&] { return inst->generation != generation; };
     uint64_t& nextPeriod = inst->nextPeriod;

@@ -1,13 +1,16 @@
-// A sub-HAL with one deliberate fault, for the conformance tests: every entry forwards to the
-// emulated hardware, and BROKEN_SUBHAL_FAULT picks what goes wrong:
-//   ids             calls on an identifier that is not open succeed
-//   unknown-status  "busy" (17) comes back as 99, which the service does not know
+// A sub-HAL with one deliberate fault, for the conformance tests. It links the emulated hardware,
+// so the entries not defined here are the emulator's own; BROKEN_SUBHAL_FAULT picks what goes
+// wrong in the others:
+//   ids             CaptureStop and (Un)RegisterCallback accept identifiers that are not open
+//   unknown-status  Open's "busy" (17) comes back as 99, which the service does not know
 //   writes-held     every buffer goes back to the engine before the client has it
 //   no-join         CaptureStop returns at once; the stream stops 150 ms later
 //   late-callback   UnRegisterCallback returns without removing the registration
+//   hangs           CaptureStop never returns
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -57,40 +60,11 @@ struct LateStops {
 
 extern "C" {
 
-uint32_t VX_CAPTURE_Init(uint8_t* p) {
-    return pass(REAL(VX_CAPTURE_Init)(p));
-}
-uint32_t VX_CAPTURE_DeInit(void) {
-    return pass(REAL(VX_CAPTURE_DeInit)());
-}
 uint32_t VX_CAPTURE_Open(uint8_t* p, uint32_t* h) {
     return pass(REAL(VX_CAPTURE_Open)(p, h));
 }
-uint32_t VX_CAPTURE_Close(int32_t id) {
-    return pass(REAL(VX_CAPTURE_Close)(id));
-}
-uint32_t VX_CAPTURE_SetCaptureInfo(int32_t id, VX_CAPTURE_CaptureInfo_s* i) {
-    return pass(REAL(VX_CAPTURE_SetCaptureInfo)(id, i));
-}
-uint32_t VX_CAPTURE_SetCaptureFrameInfo(int32_t id, VX_CAPTURE_SrcFrameInfo_s* s,
-                                        VX_CAPTURE_DstFrameInfo_s* d, VX_CAPTURE_PlaneOffset_s* o) {
-    return pass(REAL(VX_CAPTURE_SetCaptureFrameInfo)(id, s, d, o));
-}
-uint32_t VX_CAPTURE_GetCapabilityInfo(int32_t id, VX_CAPTURE_setQueryInfo_s* q,
-                                      VX_CAPTURE_getQueryInfo_s* a) {
-    return pass(REAL(VX_CAPTURE_GetCapabilityInfo)(id, q, a));
-}
-uint32_t VX_CAPTURE_GetDipInfo(int32_t id, VX_CAPTURE_setQueryInfo_s* q, VX_CAPTURE_DipInfo_s* d,
-                               uint32_t mode) {
-    return pass(REAL(VX_CAPTURE_GetDipInfo)(id, q, d, mode));
-}
-uint32_t VX_CAPTURE_CaptureOnce(int32_t id) {
-    return pass(REAL(VX_CAPTURE_CaptureOnce)(id));
-}
-uint32_t VX_CAPTURE_CaptureStart(int32_t id) {
-    return pass(REAL(VX_CAPTURE_CaptureStart)(id));
-}
 uint32_t VX_CAPTURE_CaptureStop(int32_t id) {
+    while (fault("hangs")) pause();
     if (!fault("no-join")) return pass(REAL(VX_CAPTURE_CaptureStop)(id));
     std::lock_guard<std::mutex> guard(gLateStops.lock);
     gLateStops.threads.emplace_back([id] {
@@ -110,15 +84,6 @@ uint32_t VX_CAPTURE_RegisterCallback(int32_t id, VX_CAPTURE_CallbackInputParams_
 }
 uint32_t VX_CAPTURE_UnRegisterCallback(int32_t id, VX_CAPTURE_CallbackInputParams_s* p) {
     return fault("late-callback") ? 0 : pass(REAL(VX_CAPTURE_UnRegisterCallback)(id, p));
-}
-uint32_t VX_CAPTURE_FrameProcessDone(int32_t id, uint32_t index) {
-    return pass(REAL(VX_CAPTURE_FrameProcessDone)(id, index));
-}
-uint32_t VX_CAPTURE_NotifyContinueCapture(int32_t id) {
-    return pass(REAL(VX_CAPTURE_NotifyContinueCapture)(id));
-}
-uint32_t VX_CAPTURE_DumpInfo(int32_t fd, uint32_t level) {
-    return pass(REAL(VX_CAPTURE_DumpInfo)(fd, level));
 }
 
 }  // extern "C"

@@ -193,13 +193,9 @@ TEST_F(ServiceOnEmulator, ThirtyThirdOpenFailsCleanlyAndCloseFreesItsSlot) {
         ASSERT_EQ(status, CaptureReturn::SUCCESS);
         EXPECT_EQ(opened, kBase + i);
     }
-    // The hardware refuses and hands out nothing; the service calls that an invalid identifier.
+    // The hardware refuses (busy) and hands out nothing: an invalid identifier to the client.
     open();
     EXPECT_EQ(status, CaptureReturn::INVALID_CAPTURE_ID);
-    uint8_t param = 0;
-    uint32_t handle = 0xAAAA;
-    EXPECT_EQ(VX_CAPTURE_Open(&param, &handle), static_cast<uint32_t>(kBusy));
-    EXPECT_EQ(handle, 0xAAAAu);
     ASSERT_EQ(service->close(kBase + 17), CaptureReturn::SUCCESS);
     EXPECT_EQ(service->close(kBase + 17), CaptureReturn::INVALID_CAPTURE_ID);
     open();
@@ -298,6 +294,9 @@ TEST_F(StreamTest, HeldBuffersAreNeitherWrittenNorReusedAndDropsAreCounted) {
     EXPECT_EQ(frame(0), held[0]);
     EXPECT_EQ(frame(2), held[2]);
     EXPECT_EQ(VX_CAPTURE_FrameProcessDone(id, 3), static_cast<uint32_t>(kBadParameter));
+    // Completions stop at unregistration (capturectl conformance checks that); the stream does not.
+    ASSERT_EQ(VX_CAPTURE_UnRegisterCallback(id, nullptr), 0u);
+    EXPECT_TRUE(stats(id).streaming);
 }
 
 TEST_F(StreamTest, PeriodsWithoutAFrameAreDroppedAndFramesAfterTheirPeriodLate) {
@@ -309,16 +308,6 @@ TEST_F(StreamTest, PeriodsWithoutAFrameAreDroppedAndFramesAfterTheirPeriodLate) 
     EXPECT_EQ(s.late, s.produced);
     // Each frame takes at least 1.4 periods; the periods between get no frame.
     EXPECT_GE(s.dropped, s.produced / 3) << s.produced;
-}
-
-TEST_F(StreamTest, NothingIsDeliveredOnceUnregistrationReturns) {
-    int32_t id = start(8, returnAtOnce);
-    ASSERT_TRUE(waitDelivered(5));
-    ASSERT_EQ(VX_CAPTURE_UnRegisterCallback(id, nullptr), 0u);
-    size_t after = delivered().size();
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(delivered().size(), after);
-    EXPECT_TRUE(stats(id).streaming) << "the stream runs on without a receiver";
 }
 
 TEST_F(StreamTest, CompletionEntryMayStopItsOwnStream) {

@@ -58,16 +58,6 @@ struct Setup {
     uint32_t srcFormat = 0x800;  // query: its format
 };
 
-uint32_t parseNumber(const std::string& text, const char* what) {
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long v = strtoull(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || v > UINT32_MAX || text[0] == '-') {
-        usageError((std::string("bad ") + what + " '%s'").c_str(), text);
-    }
-    return static_cast<uint32_t>(v);
-}
-
 void parseSize(const std::string& text, uint32_t* w, uint32_t* h, const char* what) {
     size_t x = text.find('x');
     if (x == std::string::npos)
@@ -1012,6 +1002,10 @@ int cmdDemo(const Options& o) {
         fprintf(stderr, "capturectl: cannot create %s: %s\n", dir.c_str(), strerror(errno));
         return kExitRefused;
     }
+    // With --json the steps go to stderr and stdout carries one object: what each step found
+    // and wrote.
+    const bool json = o.has("json");
+    FILE* text = json ? stderr : stdout;
     Setup s;
     s.srcW = 1920;
     s.srcH = 1080;
@@ -1021,11 +1015,11 @@ int cmdDemo(const Options& o) {
     sp<ICapture> svc = service(o);
     const PixelFormatInfo& f = hardwareFormat(s.format);
     FrameLayout layout = layoutOf(f, s.dstW, s.dstH);
-    printf("1. open\n");
+    fprintf(text, "1. open\n");
     Instance inst(svc);
-    printf("   instance 0x%08x\n", static_cast<uint32_t>(inst.id()));
+    fprintf(text, "   instance 0x%08x\n", static_cast<uint32_t>(inst.id()));
 
-    printf("2. query: live 1920x1080 to 1280x720 NV12\n");
+    fprintf(text, "2. query: live 1920x1080 to 1280x720 NV12\n");
     takeLogLines();
     setQueryInfo q = {};
     q.src_width = s.srcW;
@@ -1043,38 +1037,39 @@ int cmdDemo(const Options& o) {
         a = info;
     });
     if (ret != CaptureReturn::SUCCESS) refused("getCaptureCapabilityInfo", ret);
-    printf("   %s, %.1f MB/s\n", a.useGpu ? "GPU" : "DIP", static_cast<double>(a.bwSize) / 1e6);
+    fprintf(text, "   %s, %.1f MB/s\n", a.useGpu ? "GPU" : "DIP",
+            static_cast<double>(a.bwSize) / 1e6);
 
-    printf("3. configure: capture point 0, whole source\n");
+    fprintf(text, "3. configure: capture point 0, whole source\n");
     Buffer ring(static_cast<size_t>(layout.frameStride) * 4);
     if (!ring.valid()) throw Failure{kExitRefused};
     configureLive(svc, inst.id(), s, ring);
 
-    printf("4. one frame\n");
+    fprintf(text, "4. one frame\n");
     ret = svc->captureOnce(inst.id());
     if (ret != CaptureReturn::SUCCESS) refused("captureOnce", ret);
     std::string once = dir + "/once.png";
     savePng(once, f, layout, ring.data(), s.dstW, s.dstH);
-    printf("   %s\n", once.c_str());
+    fprintf(text, "   %s\n", once.c_str());
     // Kept as the source of step 6.
     Buffer source(layout.frameStride);
     if (!source.valid()) throw Failure{kExitRefused};
     memcpy(source.data(), ring.data(), layout.frameStride);
 
-    printf("5. stream: 60 frames\n");
+    fprintf(text, "5. stream: 60 frames\n");
     configureLive(svc, inst.id(), s, ring);  // a capture consumes its configuration
     StreamPlan plan;
     plan.frames = 60;
     plan.progress = false;
     plan.lastPng = dir + "/stream-last.png";
     StreamResult r = runStream(svc, inst.id(), s, plan, ring, f, layout);
-    printStreamSummary(r, "   ");
-    printf("   %s\n", plan.lastPng.c_str());
+    printStreamSummary(r, "   ", text);
+    fprintf(text, "   %s\n", plan.lastPng.c_str());
 
     // Both engines get the same request, so the two pictures can be laid side by side.
-    printf(
-        "6. memory to memory on the DIP: the centre of step 4's frame, turned 90 degrees, "
-        "as ABGR8888\n");
+    fprintf(text,
+            "6. memory to memory on the DIP: the centre of step 4's frame, turned 90 degrees, "
+            "as ABGR8888\n");
     const uint32_t nv12 = static_cast<uint32_t>(CaptureFormat::NV12);
     const uint32_t abgr = static_cast<uint32_t>(CaptureFormat::ABGR8888);
     const Placement centre{320, 180, 640, 360, 90};
@@ -1087,9 +1082,9 @@ int cmdDemo(const Options& o) {
                     FrameRef{out.handle(), abgr, 360, 640, 0});
     std::string turned = dir + "/memory-rotated.png";
     savePng(turned, rgb, outLayout, out.data(), 360, 640);
-    printf("   %s\n", turned.c_str());
+    fprintf(text, "   %s\n", turned.c_str());
 
-    printf("7. the same on the GPU path (forced)\n");
+    fprintf(text, "7. the same on the GPU path (forced)\n");
     GraphicFrame gpuSource(nv12, s.dstW, s.dstH), gpuOut(abgr, 360, 640);
     if (!gpuSource.valid() || !gpuOut.valid()) throw Failure{kExitRefused};
     copyFrame(f, layout, source.data(), gpuSource.planes(), s.dstW);
@@ -1098,11 +1093,22 @@ int cmdDemo(const Options& o) {
     noteIfUntouched(&gpuOut);
     std::string turnedGpu = dir + "/memory-rotated-gpu.png";
     savePng(turnedGpu, abgr, gpuOut.planes(), 360, 640);
-    printf("   %s\n", turnedGpu.c_str());
-    if (dumps) dumps->report("   ");
+    fprintf(text, "   %s\n", turnedGpu.c_str());
+    if (dumps && !json) dumps->report("   ");
 
-    printf("8. close\n");
-    printf("PNG files are in %s/\n", dir.c_str());
+    fprintf(text, "8. close\n");
+    fprintf(text, "PNG files are in %s/\n", dir.c_str());
+    if (json) {
+        Json j;
+        j.num("instance", static_cast<double>(static_cast<uint32_t>(inst.id())))
+            .obj("query", Json()
+                              .str("engine", a.useGpu ? "gpu" : "dip")
+                              .num("bandwidth", static_cast<double>(a.bwSize)))
+            .obj("stream", streamJson(r))
+            .strings("written", {once, plan.lastPng, turned, turnedGpu});
+        if (dumps) j.strings("dumps", dumps->written());
+        printf("%s\n", j.text().c_str());
+    }
     return kExitOk;
 }
 
@@ -1360,12 +1366,18 @@ const std::vector<Command>& commands() {
          [](const Options& o) { return guardedRun(cmdConvert, o); }},
         {"demo",
          "open, query, one frame, a short stream, a conversion on each engine; PNGs",
-         std::string("  --out-dir DIR      where the PNG files go (default ./capturectl-demo)\n") +
+         std::string("  --out-dir DIR      where the PNG files go (default ./capturectl-demo)\n"
+                     "  --json             the steps on stderr, one JSON object on stdout\n") +
              kDumpDirOption,
          {"out-dir", "dump-dir"},
-         {},
+         {"json"},
          [](const Options& o) { return guardedRun(cmdDemo, o); }},
-        {"conformance", kConformanceSummary, kConformanceUsage, {"subhal"}, {}, runConformance},
+        {"conformance",
+         kConformanceSummary,
+         kConformanceUsage,
+         {"subhal", "timeout"},
+         {"json"},
+         [](const Options& o) { return guardedRun(runConformance, o); }},
     };
     return list;
 }

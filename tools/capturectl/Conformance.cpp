@@ -36,12 +36,15 @@ const char kConformanceUsage[] =
     "  --subhal PATH      the sub-HAL library to check (default: the emulated hardware,\n"
     "                     " CAPTURE_EMULATOR_LIBRARY
     ")\n"
+    "  --timeout S        an entry that has not returned after S seconds fails the run\n"
+    "                     (default 10)\n"
     "\n"
     "The library is loaded with dlopen (RTLD_LOCAL) and called directly; it streams\n"
     "320x180 NV12 at 120 fps into memfd buffers for a second or so. The device tree is\n"
     "read from CAPTURE_DEVICE_TREE_ROOT, else the emulated hardware's. One line per check,\n"
     "PASS, FAIL or WARN; exit status 0 when nothing failed, 1 when a check failed, 2 when\n"
-    "the library cannot be loaded.\n";
+    "the library cannot be loaded. With --json the lines go to stderr and stdout gets one\n"
+    "object: the counts and every check with its verdict and detail.\n";
 
 namespace {
 
@@ -174,12 +177,13 @@ struct Entries {
 
 class Harness {
 public:
-    explicit Harness(void* library) : mLibrary(library) {}
+    Harness(void* library, bool json, int timeoutS)
+        : mLibrary(library), mJson(json), mOut(json ? stderr : stdout), mTimeoutS(timeoutS) {}
     int run();
 
 private:
     // Output.
-    void heading(const char* title) { printf("\n%s\n", title); }
+    void heading(const char* title) { fprintf(mOut, "\n%s\n", title); }
     void result(const char* verdict, const std::string& name, const std::string& detail);
     void pass(const std::string& name, const std::string& detail) { result("PASS", name, detail); }
     void fail(const std::string& name, const std::string& detail) { result("FAIL", name, detail); }
@@ -190,6 +194,12 @@ private:
 
     // Every status the library returns goes through here.
     uint32_t seen(const char* entry, uint32_t status);
+    // Every call into the library runs through here, so that one that never returns ends the
+    // run with a FAIL naming it instead of hanging the tool.
+    template <typename Call>
+    uint32_t watched(const char* entry, Call call);
+    void watch();
+    void summary();
 
     bool resolveEntries();
     void records();
@@ -212,6 +222,14 @@ private:
     std::string stream(int32_t id, const Buffer& buffer, int frames, pid_t caller);
 
     void* mLibrary;
+    const bool mJson;
+    FILE* const mOut;
+    std::vector<Json> mResults;
+    const int mTimeoutS;
+    std::mutex mCallLock;
+    std::map<std::thread::id, std::pair<const char*, Clock::time_point>> mCalls;  // in progress
+    bool mDone = false;
+    std::condition_variable mWatchEnds;
     Entries e;
     int mChecks = 0, mPassed = 0, mFailed = 0, mWarnings = 0;
     std::mutex mStatusLock;
@@ -219,15 +237,45 @@ private:
     int mStatuses = 0;
 };
 
-#define CALL(entry, ...) seen(#entry, e.entry(__VA_ARGS__))
+#define CALL(entry, ...) seen(#entry, watched(#entry, [&] { return e.entry(__VA_ARGS__); }))
+
+template <typename Call>
+uint32_t Harness::watched(const char* entry, Call call) {
+    {
+        std::lock_guard<std::mutex> guard(mCallLock);
+        mCalls[std::this_thread::get_id()] = {entry, Clock::now()};
+    }
+    const uint32_t status = call();
+    std::lock_guard<std::mutex> guard(mCallLock);
+    mCalls.erase(std::this_thread::get_id());
+    return status;
+}
+
+// Runs beside the checks for the whole run. The library's threads may be stuck with the call,
+// so a timeout ends the process here.
+void Harness::watch() {
+    std::unique_lock<std::mutex> guard(mCallLock);
+    while (!mWatchEnds.wait_for(guard, std::chrono::milliseconds(100), [&] { return mDone; })) {
+        for (const auto& [thread, call] : mCalls) {
+            if (Clock::now() - call.second < std::chrono::seconds(mTimeoutS)) continue;
+            fail("returns",
+                 format("VX_CAPTURE_%s has not returned after %d s", call.first, mTimeoutS));
+            summary();
+            fflush(nullptr);
+            _exit(kExitRefused);
+        }
+    }
+}
 
 void Harness::result(const char* verdict, const std::string& name, const std::string& detail) {
     ++mChecks;
     if (verdict[0] == 'P') ++mPassed;
     if (verdict[0] == 'F') ++mFailed;
     if (verdict[0] == 'W') ++mWarnings;
-    printf("%s %s: %s\n", verdict, name.c_str(), detail.c_str());
-    fflush(stdout);
+    fprintf(mOut, "%s %s: %s\n", verdict, name.c_str(), detail.c_str());
+    fflush(mOut);
+    if (mJson)
+        mResults.push_back(Json().str("verdict", verdict).str("check", name).str("detail", detail));
 }
 
 uint32_t Harness::seen(const char* entry, uint32_t status) {
@@ -822,7 +870,23 @@ void Harness::statuses() {
           format("all %d statuses returned are 0 or codes the service maps", mStatuses));
 }
 
+void Harness::summary() {
+    fprintf(mOut, "\nconformance: %d checks, %d passed, %d failed, %d warnings\n", mChecks, mPassed,
+            mFailed, mWarnings);
+    if (mJson) {
+        printf("%s\n", Json()
+                           .num("checks", mChecks)
+                           .num("passed", mPassed)
+                           .num("failed", mFailed)
+                           .num("warnings", mWarnings)
+                           .objects("results", mResults)
+                           .text()
+                           .c_str());
+    }
+}
+
 int Harness::run() {
+    std::thread watchdog(&Harness::watch, this);
     if (resolveEntries()) {
         records();
         if (power()) {
@@ -836,8 +900,13 @@ int Harness::run() {
             CALL(DeInit);
         }
     }
-    printf("\nconformance: %d checks, %d passed, %d failed, %d warnings\n", mChecks, mPassed,
-           mFailed, mWarnings);
+    {
+        std::lock_guard<std::mutex> guard(mCallLock);  // not while the watchdog reports
+        mDone = true;
+        summary();
+    }
+    mWatchEnds.notify_all();
+    watchdog.join();
     return mFailed == 0 ? kExitOk : kExitRefused;
 }
 
@@ -852,8 +921,12 @@ int runConformance(const Options& options) {
         fprintf(stderr, "capturectl conformance: cannot load %s: %s\n", path.c_str(), dlerror());
         return kExitUsage;
     }
-    printf("Sub-HAL conformance of %s\n", path.c_str());
-    return Harness(library).run();
+    const bool json = options.has("json");
+    const int timeoutS = static_cast<int>(parseNumber(options.get("timeout", "10"), "timeout"));
+    if (timeoutS < 1)
+        usageError("the timeout must be at least 1 s, not %s", std::to_string(timeoutS));
+    fprintf(json ? stderr : stdout, "Sub-HAL conformance of %s\n", path.c_str());
+    return Harness(library, json, timeoutS).run();
 }
 
 }  // namespace capturectl

@@ -46,8 +46,9 @@ GraphicFrame::GraphicFrame(uint32_t captureFormat, uint32_t width, uint32_t heig
                                 kFrameUsage, "capturectl");
     if (mBuffer->initCheck() != NO_ERROR) return;
     const native_handle_t* h = mBuffer->handle;
-    mSize = static_cast<size_t>(static_cast<uint32_t>(h->data[kGrallocPrivateSizeLow])) |
-            static_cast<size_t>(static_cast<uint32_t>(h->data[kGrallocPrivateSizeHigh])) << 32;
+    mSize = static_cast<size_t>(
+        static_cast<uint64_t>(static_cast<uint32_t>(h->data[kGrallocPrivateSizeLow])) |
+        static_cast<uint64_t>(static_cast<uint32_t>(h->data[kGrallocPrivateSizeHigh])) << 32);
     void* mapping = nullptr;
     if (mBuffer->lock(kFrameUsage, &mapping) == NO_ERROR) mMapping = static_cast<uint8_t*>(mapping);
 }

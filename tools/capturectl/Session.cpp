@@ -155,6 +155,16 @@ std::string number(double value) {
 
 }  // namespace
 
+uint32_t parseNumber(const std::string& text, const char* what) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = strtoull(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || v > UINT32_MAX || text[0] == '-') {
+        usageError((std::string("bad ") + what + " '%s'").c_str(), text);
+    }
+    return static_cast<uint32_t>(v);
+}
+
 Json& Json::str(const std::string& key, const std::string& value) {
     mFields.emplace_back(key, quoted(value));
     return *this;
@@ -178,6 +188,13 @@ Json& Json::obj(const std::string& key, const Json& value) {
 Json& Json::strings(const std::string& key, const std::vector<std::string>& values) {
     std::string list;
     for (const std::string& v : values) list += (list.empty() ? "" : ", ") + quoted(v);
+    mFields.emplace_back(key, "[" + list + "]");
+    return *this;
+}
+
+Json& Json::objects(const std::string& key, const std::vector<Json>& values) {
+    std::string list;
+    for (const Json& v : values) list += (list.empty() ? "" : ", ") + v.text();
     mFields.emplace_back(key, "[" + list + "]");
     return *this;
 }

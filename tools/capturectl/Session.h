@@ -32,6 +32,8 @@ struct Failure {
 };
 // "capturectl: <fmt with value>" on stderr, then Failure{kExitUsage}.
 [[noreturn]] void usageError(const char* fmt, const std::string& value);
+// A decimal number in 0..UINT32_MAX; anything else is a usage error naming `what`.
+uint32_t parseNumber(const std::string& text, const char* what);
 // "capturectl: <what> refused: BUSY (8)" on stderr, then Failure{kExitRefused}.
 [[noreturn]] void refused(const char* what, CaptureReturn code);
 
@@ -49,6 +51,7 @@ public:
     Json& obj(const std::string& key, const Json& value);
     Json& strings(const std::string& key, const std::vector<std::string>& values);
     Json& numbers(const std::string& key, const std::vector<uint32_t>& values);
+    Json& objects(const std::string& key, const std::vector<Json>& values);
     std::string text() const;
 
 private:

@@ -1,8 +1,8 @@
 // Host build of the HIDL value types: hidl_string, hidl_vec<T> and hidl_handle.
 //
 // Their layouts are part of every interface record that embeds them (offsets are fixed by the
-// interface packages), so each one is exactly 16 bytes as on the device: an 8-byte pointer, a
-// 32-bit size where there is one, an ownership flag and padding.
+// interface packages), so each one is exactly 16 bytes on 32- and 64-bit builds alike: a pointer held in an 8-byte
+// word, a 32-bit size where there is one, an ownership flag and padding.
 #pragma once
 
 #include <cutils/native_handle.h>
@@ -60,7 +60,11 @@ private:
     void moveFrom(hidl_string&& other);
     void release();
 
-    const char* mBuffer;
+    // 8 bytes on every ABI, as in the records these are embedded in.
+    union {
+        const char* mBuffer;
+        uint64_t mBufferWord;
+    };
     uint32_t mSize;
     bool mOwnsBuffer;
     [[maybe_unused]] uint8_t mPad[3] = {};
@@ -220,7 +224,10 @@ private:
         mOwnsBuffer = true;
     }
 
-    T* mBuffer;
+    union {
+        T* mBuffer;
+        uint64_t mBufferWord;
+    };
     uint32_t mSize;
     bool mOwnsBuffer;
     [[maybe_unused]] uint8_t mPad[3] = {};
@@ -261,7 +268,10 @@ private:
     void moveFrom(hidl_handle&& other);
     void freeHandle();
 
-    const native_handle_t* mHandle;
+    union {
+        const native_handle_t* mHandle;
+        uint64_t mHandleWord;
+    };
     bool mOwnsHandle;
     [[maybe_unused]] uint8_t mPad[7] = {};
 };

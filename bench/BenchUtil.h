@@ -1,11 +1,20 @@
-// What a process holds, for the benchmarks that check repeated work leaves nothing behind.
+// Shared by the benchmarks: a clock reading, and what a process holds for those that check
+// repeated work leaves nothing behind.
 #pragma once
 
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <malloc.h>
+#include <time.h>
 
 namespace bench {
+
+// Nanoseconds on `clock`: CLOCK_MONOTONIC for wall time, CLOCK_THREAD_CPUTIME_ID for this thread's.
+inline double nowNs(clockid_t clock = CLOCK_MONOTONIC) {
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<double>(t.tv_sec) * 1e9 + static_cast<double>(t.tv_nsec);
+}
 
 // Descriptors and heap in use when constructed; report() sets their growth since as counters.
 class Footprint {
