@@ -190,6 +190,8 @@ TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
         EXPECT_EQ(point >= 2 && point <= 8 ? 77 : -1, mPqStreamInfo[kSlot].pqId);
         EXPECT_EQ(point, mPqStreamInfo[kSlot].capturePoint);
     }
+    TestHandle oneFd{1};  // a single-plane buffer is enough
+    EXPECT_EQ(R::SUCCESS, setInfo(makeInfo(oneFd.get())));
 }
 
 // Each refusal gives its code and warning before anything is written or the sub-HAL is called.
@@ -627,6 +629,12 @@ TEST_F(DipCheckTest, SubHalWidthLimits) {
     limits.src_max_width_rwsep = 4096;
     expectVerdict("src_width(3840) exceed src_max_width(1920) and src_max_width_rwsep(4096) !!",
                   kDip, kDip);
+    q.src_width = q.crop_width = q.dst_width = 4160;
+    limits.src_max_width = 1920;
+    limits.src_max_width_rwsep = 4096;
+    limits.dst_max_width = 8192;
+    expectVerdict("src_width(4160) exceed src_max_width(1920) and src_max_width_rwsep(4096) !!",
+                  kLimits, kDip);
     q.src_width = q.crop_width = q.dst_width = 3840;
     limits.src_max_width = 1920;
     expectVerdict("src_width(3840) exceed src_max_width(1920) and src_max_width_rwsep(0) !!",

@@ -100,6 +100,8 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
             {7, 1456, 1455, 3, kInfo, sizeError(1455), 0},
             {7, 1456, 0, 3, kInfo, sizeError(0), 0},
             {8, 1456, 1456, 3, kInfo, "PQId[8] found = false, break", 0},
+            // Bound to no slot, though slot 0's capture point has a window of stream 2.
+            {2, 1456, 1456, 3, kInfo, "PQId[2] found = false, break", 0},
             {7, 1456, 1456, 2, kInfo, "PQId[7] found = false, break", 0},
             {7, 1456, 1456, 16, kInfo, "get activeWinNum fail", 0},
             {300, 1456, 1456, 4, kInfo, "PQId[300] found = false, break", 0},
