@@ -5,18 +5,16 @@
 // CAPTURE_SOAK_SECONDS sets the length (2 s by default).
 #include <android/log.h>
 #include <cutils/native_handle.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cinttypes>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <random>
 #include <thread>
 
@@ -53,13 +51,8 @@ void countStale(const struct __android_logger_data*, const char* message) {
     }
 }
 
-int countOpenFds() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
+auto countOpenFds() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 struct Client : public ICaptureCallback {
@@ -67,9 +60,7 @@ struct Client : public ICaptureCallback {
     Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams& p) override {
         const int slot = p.captureId - kBase;
         if (slot >= 0 && slot < kSlots) ++received[slot];
-        if (service->frameProcessDone(p.captureId, p.index) != CaptureReturn::SUCCESS) {
-            ++gBadReturns;
-        }
+        gBadReturns += service->frameProcessDone(p.captureId, p.index) != CaptureReturn::SUCCESS;
         return Void();
     }
     sp<ICapture> service;
@@ -127,11 +118,10 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
     const auto stopAndCount = [&](int slot) {
         service->stopCapture(kBase + slot);
         capture_emulator::InstanceStats stats;
-        if (capture_emulator::getInstanceStats(kBase + slot, &stats)) {
+        if (capture_emulator::getInstanceStats(kBase + slot, &stats))
             handedOver[slot] += stats.delivered;
-        }
     };
-    const int fds = countOpenFds();
+    const auto fds = countOpenFds();
     std::vector<sp<Client>> clients;  // kept to the end: every frame is counted on one of them
     std::mutex clientsLock;
     const auto newClient = [&] {
@@ -201,9 +191,8 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
         handed += handedOver[s];
     }
     EXPECT_EQ(handed, total + stale + gUnclaimed);
-    printf("soak %d s: %" PRIu64 " frames handed over, %" PRIu64 " delivered, %" PRIu64
-           " stale, %" PRIu64 " with no callback\n",
-           seconds, handed, total, stale, gUnclaimed.load());
+    std::cout << "soak " << seconds << " s: " << handed << " frames handed over, " << total
+              << " delivered, " << stale << " stale, " << gUnclaimed << " with no callback\n";
     EXPECT_GT(total, static_cast<uint64_t>(kSlots * seconds * 10));
     EXPECT_EQ(0u, gBadReturns.load());
     clients.clear();
