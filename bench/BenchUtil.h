@@ -3,9 +3,11 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <malloc.h>
 #include <time.h>
+
+#include <filesystem>
+#include <iterator>
 
 namespace bench {
 
@@ -28,12 +30,8 @@ public:
 
 private:
     static int openFds() {
-        int n = 0;
-        if (DIR* d = opendir("/proc/self/fd")) {
-            while (readdir(d) != nullptr) ++n;
-            closedir(d);
-        }
-        return n;
+        return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                              std::filesystem::directory_iterator()));
     }
     const int mFds;
     const size_t mHeap;

@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <thread>
+#include <tuple>
 
 #include "BenchUtil.h"
 #include "EmulatorTestUtil.h"
@@ -32,18 +33,13 @@ void BM_EmulatedFrame(benchmark::State& state) {
     src.u32Param32 = 1;  // the live source configured above
     src.s32BufferFd = src.s32BufferFd2 = -1;
     VX_CAPTURE_DstFrameInfo_s dst = {};
-    dst.u32Width = width;
-    dst.u32Height = height;
-    dst.eFormat = format;
-    dst.u32RotateAngle = rotation;
+    std::tie(dst.u32Width, dst.u32Height, dst.eFormat, dst.u32RotateAngle) =
+        std::tie(width, height, format, rotation);
     dst.s32BufferFd = ring.fd();
     dst.s32BufferFd2 = -1;
     VX_CAPTURE_PlaneOffset_s planes = {};
     uint32_t sequence = 1;
-    VX_CAPTURE_CallbackInputParams_s reg = {};
-    reg.pfnCallback = returnAtOnce;
-    reg.u32Flag = 1;
-    reg.pu32SequenceId = &sequence;
+    VX_CAPTURE_CallbackInputParams_s reg = {0, 0, returnAtOnce, 1, &sequence, 0};
     if (VX_CAPTURE_SetCaptureInfo(id, &live) != 0 ||
         (rotation != 0 && VX_CAPTURE_SetCaptureFrameInfo(id, &src, &dst, &planes) != 0) ||
         VX_CAPTURE_RegisterCallback(id, &reg, nullptr) != 0) {

@@ -76,7 +76,23 @@ CaptureInfo liveInfo(const native_handle_t* buffer) {
     return info;
 }
 
-// A method through the service, and the sub-HAL entries it calls straight.
+// Zeroed records for the bare entries; the null sub-HAL reads none of them.
+struct BareRecords {
+    VX_CAPTURE_CaptureInfo_s info{};
+    VX_CAPTURE_SrcFrameInfo_s src{};
+    VX_CAPTURE_DstFrameInfo_s dst{};
+    VX_CAPTURE_PlaneOffset_s planes{};
+    VX_CAPTURE_setQueryInfo_s query{};
+    VX_CAPTURE_getQueryInfo_s answer{};
+    VX_CAPTURE_DipInfo_s dip{};
+    uint32_t sequence = 0;
+    VX_CAPTURE_CallbackInputParams_s params{0, 0, nullptr, 1, &sequence, 0};
+    uint8_t out[8]{}, init = 0;
+    uint32_t handle = 0;
+} raw;
+
+// A method through the service (true when it answered SUCCESS), and the sub-HAL entries it
+// calls straight.
 struct Method {
     const char* name;
     std::function<bool()> service;
@@ -103,7 +119,6 @@ std::vector<Method> methods() {
     sp<ICaptureCallback> cb = new TimingCallback();
     const sp<ICapture>& c = s.capture;
     const auto ok = [](const Return<CaptureReturn>& r) { return r == CaptureReturn::SUCCESS; };
-    // Methods answering through a callback: whether it said SUCCESS.
     const auto answered = [](auto call) {
         bool good = false;
         call([&](CaptureReturn r, const auto&) { good = r == CaptureReturn::SUCCESS; });
@@ -111,39 +126,24 @@ std::vector<Method> methods() {
     };
     return {
         {"setCaptureInfo", [=] { return ok(c->setCaptureInfo(id, info)); },
-         [=] {
-             VX_CAPTURE_CaptureInfo_s rec{};
-             VX_CAPTURE_SetCaptureInfo(id, &rec);
-         }},
+         [=] { VX_CAPTURE_SetCaptureInfo(id, &raw.info); }},
         {"setCaptureFrameInfo",
          [=] { return answered([&](auto reply) { c->setCaptureFrameInfo(id, src, dst, reply); }); },
-         [=] {
-             VX_CAPTURE_SrcFrameInfo_s rs{};
-             VX_CAPTURE_DstFrameInfo_s rd{};
-             VX_CAPTURE_PlaneOffset_s planes{};
-             VX_CAPTURE_SetCaptureFrameInfo(id, &rs, &rd, &planes);
-         }},
+         [=] { VX_CAPTURE_SetCaptureFrameInfo(id, &raw.src, &raw.dst, &raw.planes); }},
         {"getCaptureCapabilityInfo",
          [=] { return answered([&](auto reply) { c->getCaptureCapabilityInfo(id, query, reply); }); },
          [=] {  // a stream query asks the limits, the DIP, then the limits again
-             VX_CAPTURE_setQueryInfo_s q{};
-             VX_CAPTURE_getQueryInfo_s a{};
-             VX_CAPTURE_DipInfo_s d{};
-             VX_CAPTURE_GetCapabilityInfo(id, &q, &a);
-             VX_CAPTURE_GetDipInfo(id, &q, &d, 1);
-             VX_CAPTURE_GetCapabilityInfo(id, &q, &a);
+             VX_CAPTURE_GetCapabilityInfo(id, &raw.query, &raw.answer);
+             VX_CAPTURE_GetDipInfo(id, &raw.query, &raw.dip, 1);
+             VX_CAPTURE_GetCapabilityInfo(id, &raw.query, &raw.answer);
          }},
         {"captureOnce", [=] { return ok(c->captureOnce(id)); }, [=] { VX_CAPTURE_CaptureOnce(id); }},
         {"startCapture+stopCapture",
          [=] { return ok(c->startCapture(id, cb)) && ok(c->stopCapture(id)); },
          [=] {
-             uint32_t sequence = 0;
-             VX_CAPTURE_CallbackInputParams_s params{};
-             params.pu32SequenceId = &sequence;
-             uint8_t out[8];
-             VX_CAPTURE_RegisterCallback(id, &params, out);
+             VX_CAPTURE_RegisterCallback(id, &raw.params, raw.out);
              VX_CAPTURE_CaptureStart(id);
-             VX_CAPTURE_UnRegisterCallback(id, &params);
+             VX_CAPTURE_UnRegisterCallback(id, &raw.params);
              VX_CAPTURE_CaptureStop(id);
          }},
         {"frameProcessDone", [=] { return ok(c->frameProcessDone(id, 0)); },
@@ -158,11 +158,9 @@ std::vector<Method> methods() {
              return ok(c->close(opened));
          },
          [=] {
-             uint8_t param = 0;
-             uint32_t handle = 0;
-             VX_CAPTURE_Init(&param);
-             VX_CAPTURE_Open(&param, &handle);
-             VX_CAPTURE_Close(static_cast<int32_t>(handle));
+             VX_CAPTURE_Init(&raw.init);
+             VX_CAPTURE_Open(&raw.init, &raw.handle);
+             VX_CAPTURE_Close(static_cast<int32_t>(raw.handle));
              VX_CAPTURE_DeInit();
          }},
     };

@@ -37,15 +37,13 @@ using ::android::sp;
 using Names = std::set<std::string>;
 using Rgba = std::array<double, 4>;  // R, G, B, A or Y, Cb, Cr, 1
 
-// A buffer of the host allocator with the usage a capture client asks for (CPU read and write,
-// GPU texture and render target, composer); null when refused.
+// A buffer with a capture client's usage (CPU, GPU texture and target, composer); null if refused.
 sp<GraphicBuffer> allocate(uint32_t format, int width, int height) {
     sp<GraphicBuffer> buffer =
         new GraphicBuffer(width, height, static_cast<int32_t>(format), 0x02001B33, "gpu-test");
     return buffer->initCheck() == ::android::NO_ERROR ? buffer : nullptr;
 }
 
-// Runs `use` on the buffer's whole memory; false when it cannot be mapped.
 bool withMemory(const sp<GraphicBuffer>& buffer, const std::function<void(uint8_t*, size_t)>& use) {
     struct stat st;
     void* memory = nullptr;
@@ -58,7 +56,6 @@ bool withMemory(const sp<GraphicBuffer>& buffer, const std::function<void(uint8_
     return true;
 }
 
-// The buffer's whole memory, copied out; empty when it cannot be mapped.
 std::vector<uint8_t> contents(const sp<GraphicBuffer>& buffer) {
     std::vector<uint8_t> bytes;
     withMemory(buffer, [&](uint8_t* memory, size_t size) { bytes.assign(memory, memory + size); });
@@ -96,7 +93,7 @@ const Format kFormats[] = {
 
 const Format& describe(const std::string& name) {
     return *std::find_if(std::begin(kFormats), std::end(kFormats),
-                         [&](const Format& f) { return name == f.name; });
+                         [&](auto& f) { return name == f.name; });
 }
 
 // A channel's code for a value in [0, 1], and back: half floats as their bits.
@@ -264,21 +261,14 @@ struct Request {
 void keepRows(int slot, const Request& c, const sp<GraphicBuffer>& src,
               const sp<GraphicBuffer>& dst) {
     std::lock_guard<std::mutex> lock(mCaptureFrameParamsMutex);
-    CaptureSrcFrameInfo& srcRow = mSrcFrameInfo[slot] = CaptureSrcFrameInfo{};
-    CaptureDstFrameInfo& dstRow = mDstFrameInfo[slot] = CaptureDstFrameInfo{};
-    srcRow.width = c.srcWidth;
-    srcRow.height = c.srcHeight;
-    srcRow.format = static_cast<CaptureFormat>(describe(c.srcFormat).captureFormat);
-    srcRow.buffer = hidl_handle(src->handle);
-    dstRow.cropX = c.cropX;
-    dstRow.cropY = c.cropY;
-    dstRow.cropWidth = c.cropWidth;
-    dstRow.cropHeight = c.cropHeight;
-    dstRow.width = c.dstWidth;
-    dstRow.height = c.dstHeight;
-    dstRow.rotateAngle = c.rotation;
-    dstRow.format = static_cast<CaptureFormat>(describe(c.dstFormat).captureFormat);
-    dstRow.buffer = hidl_handle(dst->handle);
+    CaptureSrcFrameInfo& s = mSrcFrameInfo[slot] = CaptureSrcFrameInfo{};
+    std::tie(s.width, s.height, s.buffer) = std::tuple(c.srcWidth, c.srcHeight, src->handle);
+    s.format = static_cast<CaptureFormat>(describe(c.srcFormat).captureFormat);
+    CaptureDstFrameInfo& d = mDstFrameInfo[slot] = CaptureDstFrameInfo{};
+    std::tie(d.cropX, d.cropY, d.cropWidth, d.cropHeight, d.width, d.height, d.rotateAngle) =
+        std::tuple(c.cropX, c.cropY, c.cropWidth, c.cropHeight, c.dstWidth, c.dstHeight, c.rotation);
+    d.format = static_cast<CaptureFormat>(describe(c.dstFormat).captureFormat);
+    d.buffer = hidl_handle(dst->handle);
     mUseGpu[slot] = 1;
 }
 
@@ -403,18 +393,26 @@ protected:
         id = openInstance();
         ASSERT_TRUE(isValidCaptureId(id));
     }
-    void expectConverts(const Request& c) {
-        checkConversion(*service, id, c);
-        if (HasFailure()) ADD_FAILURE() << log.dump();
-    }
     int32_t id = -1;
 };
 
 // Every format read as a source into one of the other kind (so that a format taken for the
 // wrong kind changes the shader) and written as a destination, plus one conversion of each of
-// RGB to RGB and YUV to YUV. Every pixel its own colour; odd sizes leave chroma blocks partial.
-TEST_F(GpuPixelTest, EveryFormatAsSourceAndAsDestination) {
-    const std::pair<const char*, const char*> pairs[] = {
+// RGB to RGB and YUV to YUV: every pixel its own colour, odd sizes leaving chroma blocks partial.
+// Quarter-turns of a crop at odd offsets, scaled up and down, for one pair of each kind; turns
+// between right angles leave the corners with the clear colour (opaque black, zero samples). Two
+// threads convert on two slots at once: each gets its own frame, whatever the two set up and
+// tear down of the process's one EGL display.
+TEST_F(GpuPixelTest, EveryFormatCropsScalesAndTurnsOnTwoSlotsAtOnce) {
+    const int32_t ids[2] = {id, openInstance()};
+    ASSERT_TRUE(isValidCaptureId(ids[1]) && ids[0] != ids[1]);
+    std::vector<Request> work[2] = {
+        {{"RGBA_8888", "BGRA_8888", 40, 30, 40, 30, 3, 5, 31, 21, 30, 6},
+         {"RGBA_8888", "NV12", 1920, 1080, 1920, 1080, 161, 97, 1600, 900, 0, 16}},
+        {{"RGB_888", "YUYV", 40, 30, 36, 28, 1, 1, 37, 27, 300, 6},
+         {"RGB_565", "RGBA_8888", 33, 21, 33, 21, 0, 0, 33, 21, 270, 4}},
+    };
+    const std::pair<const char*, const char*> formats[] = {
         {"RGBA_8888", "YUYV"},         {"BGRA_8888", "YUV422_10B"},
         {"RGBA_FP16", "NV16"},         {"RGBA_1010102", "NV12"},
         {"RGB_565", "NV21"},           {"RGB_888", "YC420_10B"},
@@ -424,22 +422,10 @@ TEST_F(GpuPixelTest, EveryFormatAsSourceAndAsDestination) {
         {"YV12", "BGRA_8888"},         {"NV21", "YV12"},
         {"RGBA_FP16", "RGBA_1010102"},
     };
-    for (const auto& [src, dst] : pairs) expectConverts({src, dst, 23, 15, 23, 15, 0, 0, 23, 15});
-}
-
-// Quarter-turns of a crop at odd offsets, scaled up and down, for one pair of each kind; turns
-// between right angles leave the corners with the clear colour (opaque black, zero samples). Two
-// threads convert on two slots at once: each gets its own frame, whatever the two set up and
-// tear down of the process's one EGL display.
-TEST_F(GpuPixelTest, CropsScaleAndTurnOnTwoSlotsAtOnce) {
-    const int32_t ids[2] = {id, openInstance()};
-    ASSERT_TRUE(isValidCaptureId(ids[1]) && ids[0] != ids[1]);
-    std::vector<Request> work[2] = {
-        {{"RGBA_8888", "BGRA_8888", 40, 30, 40, 30, 3, 5, 31, 21, 30, 6},
-         {"RGBA_8888", "NV12", 1920, 1080, 1920, 1080, 161, 97, 1600, 900, 0, 16}},
-        {{"RGB_888", "YUYV", 40, 30, 36, 28, 1, 1, 37, 27, 300, 6},
-         {"RGB_565", "RGBA_8888", 33, 21, 33, 21, 0, 0, 33, 21, 270, 4}},
-    };
+    for (size_t k = 0; k < std::size(formats); ++k) {
+        const auto [src, dst] = formats[k];
+        work[k % 2].push_back({src, dst, 23, 15, 23, 15, 0, 0, 23, 15});
+    }
     const std::pair<const char*, const char*> pairs[] = {{"RGBA_8888", "RGBA_8888"},
                                                          {"RGB_888", "NV21"},
                                                          {"NV12", "BGRA_8888"},
@@ -476,8 +462,7 @@ std::vector<uint8_t> pattern(size_t size, uint8_t seed) {
 sp<GraphicBuffer> makeFilledBuffer(uint32_t width, uint32_t height, int32_t format, uint8_t seed) {
     sp<GraphicBuffer> buffer = allocate(format, width, height);
     const bool filled = withMemory(buffer, [seed](uint8_t* memory, size_t size) {
-        const std::vector<uint8_t> bytes = pattern(size, seed);
-        memcpy(memory, bytes.data(), size);
+        memcpy(memory, pattern(size, seed).data(), size);
     });
     return filled ? buffer : nullptr;
 }
@@ -611,17 +596,12 @@ protected:
         host_gl::keepDriverLoaded();
         ServiceTest::SetUp();
     }
-
-    // An NV12 frame to RGBA at the destination's size.
-    void keepRows() {
-        const int w = src->getWidth(), h = src->getHeight();
-        ::keepRows(
-            kSlot,
-            {"NV12", "RGBA_8888", w, h, int(dst->getWidth()), int(dst->getHeight()), 0, 0, w, h},
-            src, dst);
-    }
-
-    CaptureReturn captureOnce() {
+    // An NV12 frame to RGBA at the destination's size, the rows then changed by `change`.
+    CaptureReturn captureOnce(const std::function<void()>& change = [] {}) {
+        const int w = src->getWidth(), h = src->getHeight(), dw = dst->getWidth();
+        ::keepRows(kSlot, {"NV12", "RGBA_8888", w, h, dw, int(dst->getHeight()), 0, 0, w, h}, src,
+                   dst);
+        change();
         return static_cast<CaptureReturn>(service->captureOnce(kCaptureIdBase + kSlot));
     }
 
@@ -634,22 +614,19 @@ protected:
 TEST_F(GpuCaptureTest, ClearsTheFlagOnceConvertedAndKeepsItWhenRefused) {
     ASSERT_TRUE(src != nullptr && dst != nullptr);
     const int fds = countOpenFds();
-    keepRows();
     EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce());
     EXPECT_EQ(0, mUseGpu[kSlot]);
     EXPECT_EQ(nullptr, mDstFrameInfo[kSlot].buffer.getNativeHandle());
-    keepRows();
-    mDstFrameInfo[kSlot].format = CaptureFormat::ARGB2101010;
-    EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT, captureOnce());
+    EXPECT_EQ(CaptureReturn::FORMAT_NOT_SUPPORT,
+              captureOnce([] { mDstFrameInfo[kSlot].format = CaptureFormat::ARGB2101010; }));
     EXPECT_EQ(1, mUseGpu[kSlot]);
     EXPECT_EQ(nullptr, mSrcFrameInfo[kSlot].buffer.getNativeHandle());
     // Every clone made for the conversions is closed again.
     EXPECT_EQ(fds, countOpenFds());
 
     // Rows without a buffer are refused before anything is drawn.
-    keepRows();
-    mDstFrameInfo[kSlot].buffer = hidl_handle();
-    EXPECT_EQ(CaptureReturn::INVALID_BUFFER, captureOnce());
+    EXPECT_EQ(CaptureReturn::INVALID_BUFFER,
+              captureOnce([] { mDstFrameInfo[kSlot].buffer = hidl_handle(); }));
     EXPECT_EQ(1, mUseGpu[kSlot]);
 }
 
@@ -663,7 +640,6 @@ TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndNeverReadsPastThem) {
     dst = makeFilledBuffer(640, 360, HAL_PIXEL_FORMAT_RGBA_8888, 4);
     ASSERT_TRUE(src != nullptr && dst != nullptr);
     setenv("CAPTURE_HOST_GL", "0", 1);  // as on a platform without native-buffer images
-    keepRows();
     EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce());
     unsetenv("CAPTURE_HOST_GL");
     // The whole NV12 frame with its 1920-byte stride, as the client filled it.
@@ -677,9 +653,7 @@ TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndNeverReadsPastThem) {
 
     // A source claiming more rows than its memory holds is neither dumped nor sampled.
     log.clear();
-    keepRows();
-    mSrcFrameInfo[kSlot].height = 4096;
-    EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce());
+    EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce([] { mSrcFrameInfo[kSlot].height = 4096; }));
     EXPECT_EQ(
         (Names{"gpu_intput-0001_s1920_1916x1080_NV12.raw", "gpu_output-0001_640x360_RGBA8888.raw",
                "gpu_output-0002_640x360_RGBA8888.raw"}),
