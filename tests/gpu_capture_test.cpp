@@ -96,20 +96,23 @@ const Format& describe(const std::string& name) {
                          [&](auto& f) { return name == f.name; });
 }
 
-// A channel's code for a value in [0, 1], and back: half floats as their bits.
+// A channel's code for a value in [0, 1], and back: half floats as their bits (written out, as
+// not every compiler here has _Float16).
 uint32_t toCode(int bits, double v) {
     v = std::clamp(v, 0.0, 1.0);
     if (bits < 16) return static_cast<uint32_t>(std::lround(v * ((1 << bits) - 1)));
-    const _Float16 half = static_cast<_Float16>(v);
-    uint16_t code;
-    memcpy(&code, &half, 2);
-    return code;
+    if (v < std::ldexp(1.0, -14)) return static_cast<uint32_t>(std::lround(std::ldexp(v, 24)));
+    int e = 0;
+    const double m = std::frexp(v, &e);  // v = m * 2^e, m in [0.5, 1)
+    const uint32_t fraction = static_cast<uint32_t>(std::lround((2 * m - 1) * 1024));
+    return (static_cast<uint32_t>(e + 14) << 10) + fraction;  // a carry moves to the exponent
 }
 double fromCode(int bits, uint64_t code) {
     if (bits < 16) return code / static_cast<double>((1 << bits) - 1);
-    _Float16 half;
-    memcpy(&half, &code, 2);  // little-endian: the low half of the word
-    return static_cast<double>(half);
+    const int exponent = static_cast<int>((code >> 10) & 31);
+    const double fraction = static_cast<double>(code & 1023);
+    return exponent == 0 ? std::ldexp(fraction, -24)
+                         : std::ldexp(1 + fraction / 1024, exponent - 15);
 }
 double quantize(int bits, double v) {
     return fromCode(bits, toCode(bits, v));
