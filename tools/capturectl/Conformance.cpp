@@ -748,7 +748,10 @@ void Harness::holding(int32_t id, uint32_t ring, const Buffer& buffer) {
     held[back] = 0;
     check("buffer-return", problem,
           format("FrameProcessDone(%u): the next frame went into buffer %u", back, back));
-    for (const auto& [index, unused] : held) CALL(FrameProcessDone, id, index);
+    for (const auto& entry : held) {
+        const uint32_t index = entry.first;  // a plain local: CALL wraps the call in a lambda
+        CALL(FrameProcessDone, id, index);
+    }
 }
 
 // No completion may arrive once CaptureStop or UnRegisterCallback has returned.
