@@ -26,9 +26,12 @@ inline std::string stripLogPrefix(const std::string& message) {
 class LogCapture {
 public:
     LogCapture() {
-        std::lock_guard<std::mutex> lock(sMutex);
-        sLines.clear();
-        sActive = true;
+        {
+            std::lock_guard<std::mutex> lock(sMutex);
+            sLines.clear();
+            sActive = true;
+        }
+        // Not under sMutex: liblog calls the logger under its own lock, which takes sMutex.
         __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
         __android_log_set_logger(&LogCapture::logger);
     }
