@@ -755,20 +755,23 @@ void Harness::holding(int32_t id, uint32_t ring, const Buffer& buffer) {
 }
 
 // No completion may arrive once CaptureStop or UnRegisterCallback has returned.
+// What is wrong when `entry` returned `status` and completions for `id` kept coming in the
+// quiet time after it; empty when nothing is.
+std::string quietAfter(int32_t id, const char* entry, uint32_t status) {
+    const uint64_t before = deliveredSoFar(id);
+    std::this_thread::sleep_for(kQuiet);
+    const uint64_t after = deliveredSoFar(id);
+    if (status != 0) return format("%s refused with %u", entry, status);
+    if (after == before) return "";
+    return format("%llu completions in the %lld ms after %s returned",
+                  static_cast<unsigned long long>(after - before),
+                  static_cast<long long>(kQuiet.count()), entry);
+}
+
 void Harness::stopping(int32_t id, const Buffer& buffer) {
     std::string problem = stream(id, buffer, 2, 0);
     if (problem.empty()) {
-        uint32_t s = CALL(CaptureStop, id);
-        const uint64_t before = deliveredSoFar(id);
-        std::this_thread::sleep_for(kQuiet);
-        const uint64_t after = deliveredSoFar(id);
-        if (s != 0) {
-            problem = format("CaptureStop refused with %u", s);
-        } else if (after != before) {
-            problem = format("%llu completions in the %lld ms after CaptureStop returned",
-                             static_cast<unsigned long long>(after - before),
-                             static_cast<long long>(kQuiet.count()));
-        }
+        problem = quietAfter(id, "CaptureStop", CALL(CaptureStop, id));
     }
     check("stop-joins", problem,
           format("no completion in the %lld ms after CaptureStop returned",
@@ -781,17 +784,8 @@ void Harness::stopping(int32_t id, const Buffer& buffer) {
     if (s != 0) {
         problem = format("registering and starting again refused with %u", s);
     } else if ((problem = stream(id, buffer, 2, 0)).empty()) {
-        s = CALL(UnRegisterCallback, id, &gParams[id - kIdBase]);
-        const uint64_t before = deliveredSoFar(id);
-        std::this_thread::sleep_for(kQuiet);
-        const uint64_t after = deliveredSoFar(id);
-        if (s != 0) {
-            problem = format("UnRegisterCallback refused with %u", s);
-        } else if (after != before) {
-            problem = format("%llu completions in the %lld ms after UnRegisterCallback returned",
-                             static_cast<unsigned long long>(after - before),
-                             static_cast<long long>(kQuiet.count()));
-        }
+        problem = quietAfter(id, "UnRegisterCallback",
+                             CALL(UnRegisterCallback, id, &gParams[id - kIdBase]));
     }
     CALL(CaptureStop, id);
     check("unregister-joins", problem,
