@@ -32,9 +32,8 @@ public:
         static const sp<FakePq> pq = new FakePq();
         return pq;
     }
-    // The instance, reset and registered as "default".
+    // The instance registered as "default"; every test starts with it reset.
     static sp<FakePq> install() {
-        instance()->reset();
         instance()->registerAsService("default");
         return instance();
     }
@@ -42,14 +41,6 @@ public:
         std::lock_guard<std::mutex> lock(mMutex);
         replies.clear();
         info = ST_CAPTURE_POINT_INFO{};
-    }
-    // The journal's PQ lines without their "pq." prefix.
-    static Strings calls() {
-        Strings out;
-        for (const std::string& line : fake_subhal::state().journal) {
-            if (line.rfind("pq.", 0) == 0) out.push_back(line.substr(3));
-        }
-        return out;
     }
 
     // Scripted before the calls they shape: replies by call name (Ok if none), the "get" answer.

@@ -30,11 +30,7 @@ Cell takeOnlyCell(int pqId, int index) {
     return found;
 }
 
-class PqLinkTest : public ::testing::Test {
-protected:
-    void SetUp() override { __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED); }
-    LogCapture log;
-};
+using PqLinkTest = ServiceTest;
 
 // Only the first sixteen window records count. Without a match the record after the active ones
 // is used (a zero one); with sixteen or more active there is none, and nothing is stored.
@@ -59,15 +55,13 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
         SCOPED_TRACE(testing::Message() << point << "/" << pqId << "/" << int(activeWinNum));
         log.clear();
         fake_subhal::reset();
-        pq->reset();
         pq->replies["get"] = reply;
         pq->info = capturePointInfo(900, activeWinNum, wins);
         GetPqInfo(static_cast<CapturePoint>(point), pqId);
         EXPECT_EQ(cell, takeOnlyCell(pqId, point - 2));
         EXPECT_EQ(1u, log.count(logged)) << log.dump();
-        const std::vector<std::string> query = {"get " + std::to_string(pqId) + "/" +
-                                                std::to_string(point - 2)};
-        EXPECT_EQ(point >= 2 && point <= 8 ? query : std::vector<std::string>{}, pq->calls());
+        const Strings query = {"pq.get " + std::to_string(pqId) + "/" + std::to_string(point - 2)};
+        EXPECT_EQ(point >= 2 && point <= 8 ? query : Strings{}, fake_subhal::state().journal);
     }
 }
 

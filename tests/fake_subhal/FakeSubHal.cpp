@@ -1,7 +1,5 @@
-// Test double of the capture sub-HAL: records every entry with copies of its records, answers
-// with scripted statuses and records, and calls registered completion entries from threads of its
-// own. Built a second time with FAKE_SUBHAL_PARTIAL, lacking VX_CAPTURE_DumpInfo and
-// VX_CAPTURE_NotifyContinueCapture.
+// Test double of the capture sub-HAL. Built a second time with FAKE_SUBHAL_PARTIAL, lacking
+// VX_CAPTURE_DumpInfo and VX_CAPTURE_NotifyContinueCapture.
 #include "FakeSubHal.h"
 
 #include <unistd.h>
