@@ -54,14 +54,12 @@ sp<GraphicBuffer> filledBuffer(uint32_t width, uint32_t height, int32_t format) 
 // slot gets them as setCaptureFrameInfo keeps them, with a crop of 5/6 of the frame in the middle.
 struct Conversion {
     Conversion(const Pair& p, uint32_t w, uint32_t h, uint32_t rotation)
-        : pair(p), src(filledBuffer(w, h, p.src.hal)), dst(filledBuffer(w, h, p.dst.hal)) {
-        std::tie(d.cropX, d.cropY, d.cropWidth, d.cropHeight, d.width, d.height) =
-            std::tuple(w / 12, h / 12, w * 5 / 6, h * 5 / 6, w, h);
-        d.rotateAngle = rotation;
-        d.format = pair.dst.capture;
-        s.format = pair.src.capture;
-        s.width = w;
-        s.height = h;
+        : src(filledBuffer(w, h, p.src.hal)), dst(filledBuffer(w, h, p.dst.hal)) {
+        std::tie(s.format, s.width, s.height) = std::tuple(p.src.capture, w, h);
+        std::tie(d.format, d.rotateAngle, d.width, d.height) =
+            std::tuple(p.dst.capture, rotation, w, h);
+        std::tie(d.cropX, d.cropY, d.cropWidth, d.cropHeight) =
+            std::tuple(w / 12, h / 12, w * 5 / 6, h * 5 / 6);
     }
     bool once() {
         {
@@ -84,7 +82,6 @@ struct Conversion {
         return !state.error_occurred();
     }
 
-    const Pair pair;
     const sp<GraphicBuffer> src, dst;
     const sp<Capture> service = new Capture();
     CaptureSrcFrameInfo s{};
