@@ -189,6 +189,12 @@ TEST_F(ConfigTest, CaptureInfoRecordAndBinding) {
         EXPECT_EQ(point >= 2 && point <= 8 ? 77 : -1, mPqStreamInfo[kSlot].pqId);
         EXPECT_EQ(point, mPqStreamInfo[kSlot].capturePoint);
     }
+    // Descriptor 0 is as good as any other.
+    native_handle_t* zero = native_handle_create(1, 0);
+    zero->data[0] = 0;
+    EXPECT_EQ(R::SUCCESS, setInfo(makeInfo(zero)));
+    EXPECT_EQ(expectedInfo(0), fake_subhal::callsOf(Entry::SetCaptureInfo).back().rec1);
+    native_handle_delete(zero);
 }
 
 // Each refusal gives its code and warning before anything is written or the sub-HAL is called.

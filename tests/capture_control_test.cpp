@@ -193,7 +193,7 @@ TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
 // an unregistration error wins over a stop error.
 TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
     const std::tuple<bool, int32_t, uint32_t, uint32_t, CaptureReturn> cases[] = {
-        {true, 0, 0, 0, CaptureReturn::SUCCESS},
+        {true, 15, 0, 0, CaptureReturn::SUCCESS},  // the highest PQ stream
         {true, -1, 16, 7, CaptureReturn::FORMAT_NOT_SUPPORT},
         {true, -1, 0, 7, CaptureReturn::INVALID_CAPTURE_ID},
         {false, -1, 0, 16, CaptureReturn::FORMAT_NOT_SUPPORT},
@@ -207,7 +207,8 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
         fake_subhal::setResultOnce(E::CaptureStop, stop);
         EXPECT_EQ(expected, service->stopCapture(id));
         Strings journal = {"CaptureStop"};
-        if (pqId >= 0) journal.insert(journal.begin(), "pq.unregister 0/4");
+        if (pqId >= 0)
+            journal.insert(journal.begin(), "pq.unregister " + std::to_string(pqId) + "/4");
         if (started) journal.insert(journal.begin(), "UnRegisterCallback");
         EXPECT_EQ(journal, fake_subhal::state().journal);
         EXPECT_EQ(nullptr, installed());
