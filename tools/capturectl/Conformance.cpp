@@ -754,7 +754,6 @@ void Harness::holding(int32_t id, uint32_t ring, const Buffer& buffer) {
     }
 }
 
-// No completion may arrive once CaptureStop or UnRegisterCallback has returned.
 // What is wrong when `entry` returned `status` and completions for `id` kept coming in the
 // quiet time after it; empty when nothing is.
 std::string quietAfter(int32_t id, const char* entry, uint32_t status) {
@@ -768,6 +767,7 @@ std::string quietAfter(int32_t id, const char* entry, uint32_t status) {
                   static_cast<long long>(kQuiet.count()), entry);
 }
 
+// No completion may arrive once CaptureStop or UnRegisterCallback has returned.
 void Harness::stopping(int32_t id, const Buffer& buffer) {
     std::string problem = stream(id, buffer, 2, 0);
     if (problem.empty()) {

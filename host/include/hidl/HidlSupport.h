@@ -1,8 +1,9 @@
 // Host build of the HIDL value types: hidl_string, hidl_vec<T> and hidl_handle.
 //
 // Their layouts are part of every interface record that embeds them (offsets are fixed by the
-// interface packages), so each one is exactly 16 bytes on 32- and 64-bit builds alike: a pointer held in an 8-byte
-// word, a 32-bit size where there is one, an ownership flag and padding.
+// interface packages), so each one is exactly 16 bytes on 32- and 64-bit builds alike: a
+// pointer held in an 8-byte word, a 32-bit size where there is one, an ownership flag and
+// padding.
 #pragma once
 
 #include <cutils/native_handle.h>
