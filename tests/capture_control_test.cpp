@@ -193,8 +193,8 @@ TEST_F(ContinuousCaptureTest, FailedStartRollsBackOnlyOnAPqStream) {
 // an unregistration error wins over a stop error.
 TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
     const std::tuple<bool, int32_t, uint32_t, uint32_t, CaptureReturn> cases[] = {
-        {true, 15, 0, 0, CaptureReturn::SUCCESS},  // the highest PQ stream
-        {true, -1, 16, 7, CaptureReturn::FORMAT_NOT_SUPPORT},
+        {true, 15, 0, 0, CaptureReturn::SUCCESS},             // the highest PQ stream
+        {true, 0, 16, 7, CaptureReturn::FORMAT_NOT_SUPPORT},  // and the lowest
         {true, -1, 0, 7, CaptureReturn::INVALID_CAPTURE_ID},
         {false, -1, 0, 16, CaptureReturn::FORMAT_NOT_SUPPORT},
     };

@@ -65,8 +65,9 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
     }
 }
 
-// Stream 7 is shown at the panel (index 5) by slot 5 and at another point by slot 9: the first
-// bound slot wins. Slot 2 shows stream 300, whose window records can hold only its low byte.
+// Stream 7 is shown at the panel (index 5), in its first window record, by slot 0 and at another
+// point by slot 9: the first bound slot wins. Slot 2 shows stream 300, whose window records can
+// hold only its low byte.
 TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
     const std::tuple<int, int32_t, CapturePoint> bindings[] = {{0, 7, CapturePoint::PQ_PANEL},
                                                                {9, 7, CapturePoint::PQ_STREAM_OUT},
@@ -76,7 +77,7 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
         mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     PqPayload payload;
-    payload.window(5, 0, 2, 100).window(5, 1, 4, 200).window(5, 2, 7, 0x4030201);
+    payload.window(5, 0, 7, 0x4030201).window(5, 1, 4, 200).window(5, 2, 2, 100);
     payload.window(5, 3, 44, 1);
     payload.info(3, 1, 1, 0).window(3, 0, 7, 1);
     const auto sizeError = [](int size) {
@@ -96,7 +97,7 @@ TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
             {8, 1456, 1456, 3, kInfo, "PQId[8] found = false, break", 0},
             // Bound to no slot, though slot 0's capture point has a window of stream 2.
             {2, 1456, 1456, 3, kInfo, "PQId[2] found = false, break", 0},
-            {7, 1456, 1456, 2, kInfo, "PQId[7] found = false, break", 0},
+            {7, 1456, 1456, 0, kInfo, "PQId[7] found = false, break", 0},
             {7, 1456, 1456, 16, kInfo, "get activeWinNum fail", 0},
             {300, 1456, 1456, 4, kInfo, "PQId[300] found = false, break", 0},
             {7, 1456, 1456, 3, kHdr, "onNotify: PQId:7, eCallbackType:2, u32DataSize:1456", 0},
