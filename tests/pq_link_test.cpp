@@ -66,19 +66,19 @@ TEST_F(PqLinkTest, QueryRecordsTheStreamWindow) {
 }
 
 // Stream 7 is shown at the panel (index 5), in its first window record, by slot 0 and at another
-// point by slot 9: the first bound slot wins. Slot 2 shows stream 300, whose window records can
-// hold only its low byte.
+// point by slot 9: the first bound slot wins. Slot 2 shows stream 300 at the first point (index
+// 0), whose window records can hold only its low byte.
 TEST_F(PqLinkTest, NotificationRecordsTheBoundCapturePoint) {
     const std::tuple<int, int32_t, CapturePoint> bindings[] = {{0, 7, CapturePoint::PQ_PANEL},
                                                                {9, 7, CapturePoint::PQ_STREAM_OUT},
-                                                               {2, 300, CapturePoint::PQ_PANEL}};
+                                                               {2, 300, CapturePoint::PQ_STREAM_IN}};
     for (const auto& [slot, pqId, point] : bindings) {
         mPqStreamInfo[slot].pqId = pqId;
         mPqStreamInfo[slot].capturePoint = static_cast<int32_t>(point);
     }
     PqPayload payload;
     payload.window(5, 0, 7, 0x4030201).window(5, 1, 4, 200).window(5, 2, 2, 100);
-    payload.window(5, 3, 44, 1);
+    payload.info(0, 1, 4, 0).window(0, 3, 44, 1);
     payload.info(3, 1, 1, 0).window(3, 0, 7, 1);
     const auto sizeError = [](int size) {
         return "pq info error, u32DataSize(" + std::to_string(size) +
