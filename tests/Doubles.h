@@ -34,7 +34,7 @@ public:
     }
     // The instance registered as "default"; every test starts with it reset.
     static sp<FakePq> install() {
-        instance()->registerAsService("default");
+        EXPECT_EQ(::android::OK, instance()->registerAsService("default"));
         return instance();
     }
     void reset() {
@@ -57,20 +57,29 @@ public:
     }
     Return<void> getCapturePointInfo(int32_t pqId, uint32_t index,
                                      getCapturePointInfo_cb reply) override {
-        Return<EN_RETURN_VALUE> ret = answer("get", pqId, index);
-        if (!ret.isOk()) return ret.getStatus();
-        reply(ret, info);  // outside the lock, as a binder reply would be
+        const Reply scripted = note("get", pqId, index);
+        if (scripted == Reply::DeadObject) return dead();
+        reply(value(scripted), info);  // outside the lock, as a binder reply would be
         return ::android::hardware::Void();
     }
 
 private:
-    Return<EN_RETURN_VALUE> answer(const std::string& name, int32_t pqId, uint32_t arg) {
+    // What a call to a service whose process died returns.
+    static ::android::hardware::Status dead() {
+        return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
+    }
+    static EN_RETURN_VALUE value(Reply reply) {
+        return reply == Reply::Ok ? EN_RETURN_VALUE::EN_RETURN_OK : EN_RETURN_VALUE::EN_RETURN_FAIL;
+    }
+    Reply note(const std::string& name, int32_t pqId, uint32_t arg) {
         std::lock_guard<std::mutex> lock(mMutex);
         fake_subhal::note("pq." + name + " " + std::to_string(pqId) + "/" + std::to_string(arg));
-        const Reply reply = replies.count(name) != 0 ? replies.at(name) : Reply::Ok;
-        if (reply == Reply::DeadObject)
-            return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
-        return reply == Reply::Ok ? EN_RETURN_VALUE::EN_RETURN_OK : EN_RETURN_VALUE::EN_RETURN_FAIL;
+        return replies.count(name) != 0 ? replies.at(name) : Reply::Ok;
+    }
+    Return<EN_RETURN_VALUE> answer(const std::string& name, int32_t pqId, uint32_t arg) {
+        const Reply scripted = note(name, pqId, arg);
+        if (scripted == Reply::DeadObject) return dead();
+        return value(scripted);
     }
 
     std::mutex mMutex;

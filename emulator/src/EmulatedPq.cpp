@@ -1,9 +1,9 @@
 #include "EmulatedPq.h"
 
-#include <hidl/ServiceManagement.h>
 #include <string.h>
 
 #include "EmuLog.h"
+#include "Faults.h"
 #include "HwCaps.h"
 #include "capture_emulator/Emulator.h"
 
@@ -37,6 +37,11 @@ bool validStream(int pqId) {
     return pqId >= 0 && pqId < kPqStreamCount;
 }
 
+// What every call returns while the service plays a process that died.
+::android::hardware::Status deadObject() {
+    return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
+}
+
 }  // namespace
 
 EmulatedPq::EmulatedPq() {
@@ -47,6 +52,7 @@ EmulatedPq::EmulatedPq() {
 Return<EN_RETURN_VALUE> EmulatedPq::registerPqOnewayCallback(int32_t pqId,
                                                              EN_PQ_CALLBACK_EVENT_TYPE eventType,
                                                              const sp<IPqOnewayCallback>& callback) {
+    if (pqDead()) return deadObject();
     if (!validStream(pqId) || callback == nullptr) {
         return EN_RETURN_VALUE::EN_RETURN_INVALID_PARAMETER;
     }
@@ -58,6 +64,7 @@ Return<EN_RETURN_VALUE> EmulatedPq::registerPqOnewayCallback(int32_t pqId,
 
 Return<EN_RETURN_VALUE> EmulatedPq::unRegisterPqOnewayCallback(int32_t pqId,
                                                                EN_PQ_CALLBACK_EVENT_TYPE eventType) {
+    if (pqDead()) return deadObject();
     if (!validStream(pqId)) return EN_RETURN_VALUE::EN_RETURN_INVALID_PARAMETER;
     if (eventType != kCapturePointEvent) return EN_RETURN_VALUE::EN_RETURN_NOT_SUPPORT;
     sp<IPqOnewayCallback> old;
@@ -97,6 +104,7 @@ ST_CAPTURE_POINT_INFO EmulatedPq::infoLocked(uint32_t index) const {
 
 Return<void> EmulatedPq::getCapturePointInfo(int32_t pqId, uint32_t capturePointIndex,
                                              getCapturePointInfo_cb _hidl_cb) {
+    if (pqDead()) return deadObject();
     if (!_hidl_cb) return Void();
     if (!validStream(pqId) || capturePointIndex >= kPqCapturePointCount) {
         _hidl_cb(EN_RETURN_VALUE::EN_RETURN_INVALID_PARAMETER, ST_CAPTURE_POINT_INFO());
@@ -139,11 +147,11 @@ std::vector<uint8_t> EmulatedPq::capturePointPayload() {
         put16(block + 2, info.h);
         put32(block + 4, static_cast<uint32_t>(info.fmt));
         block[8] = info.hwEngine;
-        memcpy(block + 9, info.u8Reserved, sizeof(info.u8Reserved));
+        memcpy(block + 9, info.u8Reserved.data(), sizeof(info.u8Reserved));
         put32(block + 48, info.u32RemainBWBudget);
         block[52] = info.activeWinNum;
         block[53] = info.bIsPQHWSet;
-        memcpy(block + 72, info.u8Reserved2, sizeof(info.u8Reserved2));
+        memcpy(block + 72, info.u8Reserved2.data(), sizeof(info.u8Reserved2));
         for (uint32_t i = 0; i < info.winInfo.size() && i < kWinInfoMaxCount; ++i) {
             uint8_t* window = block + 80 + 8 * i;
             window[0] = info.winInfo[i].u8PqId;
@@ -162,8 +170,11 @@ void EmulatedPq::notifyCapturePoints(int pqId) {
     }
     if (callback == nullptr) return;
     hidl_vec<uint8_t> data(capturePointPayload());
-    // Oneway: the sender does not look at the outcome.
-    callback->onNotify(pqId, kCapturePointEvent, kPqPayloadSize, data);
+    // Oneway: nothing comes back but the transport's verdict, and a receiver that died is the
+    // receiver's business.
+    if (!callback->onNotify(pqId, kCapturePointEvent, kPqPayloadSize, data).isOk()) {
+        EMU_LOGW("capture-point notice for stream %d not delivered", pqId);
+    }
 }
 
 sp<EmulatedPq> emulatedPq() {
@@ -175,9 +186,7 @@ sp<EmulatedPq> emulatedPq() {
 }
 
 ::android::status_t registerPqService(const std::string& instance) {
-    sp<EmulatedPq> service = emulatedPq();
-    return ::android::hardware::details::registerAsServiceInternal(service, IPq::descriptor,
-                                                                   instance);
+    return emulatedPq()->registerAsService(instance);
 }
 
 }  // namespace capture_emulator

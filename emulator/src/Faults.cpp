@@ -53,6 +53,7 @@ std::mutex gLock;
 Fault gFaults[kEntryCount];
 uint32_t gDropEvery = 0;
 uint32_t gFrameDelayMs = 0;
+bool gPqDead = false;
 ControlFile gControl;
 bool gEnvironmentRead = false;
 
@@ -60,6 +61,7 @@ void clearLocked() {
     for (Fault& fault : gFaults) fault = Fault();
     gDropEvery = 0;
     gFrameDelayMs = 0;
+    gPqDead = false;
 }
 
 bool parseUint(const std::string& text, uint32_t* value) {
@@ -160,6 +162,9 @@ void pollControlFileLocked() {
             ok = b.empty() && parseUint(a, &gDropEvery);
         } else if (verb == "slow-frames") {
             ok = b.empty() && parseUint(a, &gFrameDelayMs);
+        } else if (verb == "pq-dead") {
+            ok = a.empty();
+            gPqDead = ok;
         } else if (verb == "clear") {
             clearLocked();
             ok = true;
@@ -219,6 +224,18 @@ void setFrameDelayMs(uint32_t ms) {
     std::lock_guard<std::mutex> lock(gLock);
     readEnvironmentLocked();
     gFrameDelayMs = ms;
+}
+
+void setPqDead(bool dead) {
+    std::lock_guard<std::mutex> lock(gLock);
+    readEnvironmentLocked();
+    gPqDead = dead;
+}
+
+bool pqDead() {
+    std::lock_guard<std::mutex> lock(gLock);
+    prepareLocked();
+    return gPqDead;
 }
 
 void clearFaults() {

@@ -15,6 +15,8 @@ uint32_t takeInjectedFault(Entry entry);
 uint32_t dropEveryNth();
 // Milliseconds every streamed frame takes on top of its production; 0 when off.
 uint32_t frameDelayMs();
+// Whether the picture-quality service plays a process that died.
+bool pqDead();
 // One line per armed fault, for the state dump.
 std::string describeFaults();
 // Forgets every fault and reads the environment again at the next look.

@@ -5,10 +5,18 @@
 #include <hidl/ServiceManagement.h>
 #include <log/log.h>
 #include <semaphore.h>
+#include <stdlib.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <iterator>
 #include <map>
+#include <set>
+#include <string>
+#include <vector>
 #include <mutex>
 #include <utility>
 
@@ -18,21 +26,62 @@ namespace hidl {
 namespace base {
 namespace V1_0 {
 
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+
 const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
 
-::android::hardware::Return<void> IBase::debug(
-    const ::android::hardware::hidl_handle& /*fd*/,
-    const ::android::hardware::hidl_vec<::android::hardware::hidl_string>& /*options*/) {
-    return ::android::hardware::Void();
+Return<void> IBase::interfaceChain(interfaceChain_cb _hidl_cb) {
+    _hidl_cb({descriptor});
+    return Void();
 }
 
-::android::hardware::Return<void> IBase::ping() {
-    return ::android::hardware::Void();
+Return<void> IBase::debug(const hidl_handle& /*fd*/, const hidl_vec<hidl_string>& /*options*/) {
+    return Void();
 }
 
-::android::hardware::Return<void> IBase::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
-    if (_hidl_cb) _hidl_cb(descriptor);
-    return ::android::hardware::Void();
+Return<void> IBase::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+    _hidl_cb(descriptor);
+    return Void();
+}
+
+Return<void> IBase::getHashChain(getHashChain_cb _hidl_cb) {
+    _hidl_cb({::android::hardware::details::ibaseHash()});
+    return Void();
+}
+
+Return<void> IBase::setHALInstrumentation() {
+    return Void();
+}
+
+Return<bool> IBase::linkToDeath(const sp<::android::hardware::hidl_death_recipient>& recipient,
+                                uint64_t /*cookie*/) {
+    // A local object never dies before its holder; the link is accepted and never fires.
+    return recipient != nullptr;
+}
+
+Return<void> IBase::ping() {
+    return Void();
+}
+
+Return<void> IBase::getDebugInfo(getDebugInfo_cb _hidl_cb) {
+    _hidl_cb(::android::hardware::details::localDebugInfo(this));
+    return Void();
+}
+
+Return<void> IBase::notifySyspropsChanged() {
+    return Void();
+}
+
+Return<bool> IBase::unlinkToDeath(const sp<::android::hardware::hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+Return<sp<IBase>> IBase::castFrom(const sp<IBase>& parent, bool /*emitError*/) {
+    return parent;
 }
 
 }  // namespace V1_0
@@ -58,25 +107,139 @@ Registry& registry() {
     return *instance;
 }
 
+std::atomic<size_t> gRpcThreads{0};
+
+// The platform's hash of android/hidl/base/1.0/IBase.hal.
+constexpr uint8_t kIBaseHash[32] = {0xec, 0x7f, 0xd7, 0x9e, 0xd0, 0x2d, 0xfa, 0x85,
+                                    0xbc, 0x49, 0x94, 0x26, 0xad, 0xae, 0x3e, 0xbe,
+                                    0x23, 0xef, 0x05, 0x24, 0xf3, 0xcd, 0x69, 0x57,
+                                    0x13, 0x93, 0x24, 0xb8, 0x3b, 0x18, 0xca, 0x4c};
+
+// Instances of hidl HALs declared by one VINTF manifest, as "package@version::IName/instance".
+void readManifest(const std::string& path, std::vector<std::string>* entries) {
+    std::ifstream in(path);
+    if (!in) {
+        ALOGW("VINTF manifest %s cannot be read", path.c_str());
+        return;
+    }
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    auto tagText = [](const std::string& block, const char* tag, size_t from, size_t* end) {
+        const std::string open = std::string("<") + tag + ">";
+        const std::string close = std::string("</") + tag + ">";
+        const size_t start = block.find(open, from);
+        if (start == std::string::npos) return std::string();
+        const size_t stop = block.find(close, start);
+        if (stop == std::string::npos) return std::string();
+        if (end != nullptr) *end = stop + close.size();
+        std::string value = block.substr(start + open.size(), stop - start - open.size());
+        const size_t first = value.find_first_not_of(" \t\r\n");
+        const size_t last = value.find_last_not_of(" \t\r\n");
+        return first == std::string::npos ? std::string() : value.substr(first, last - first + 1);
+    };
+    size_t pos = 0;
+    while ((pos = text.find("<hal", pos)) != std::string::npos) {
+        const size_t stop = text.find("</hal>", pos);
+        if (stop == std::string::npos) break;
+        const std::string hal = text.substr(pos, stop - pos);
+        pos = stop;
+        if (hal.find("format=\"aidl\"") != std::string::npos) continue;
+        const std::string package = tagText(hal, "name", 0, nullptr);
+        const std::string version = tagText(hal, "version", 0, nullptr);
+        size_t at = 0;
+        size_t interfaceEnd = 0;
+        while ((at = hal.find("<interface>", at)) != std::string::npos) {
+            const std::string block = hal.substr(at, hal.find("</interface>", at) - at);
+            at += 1;
+            const std::string name = tagText(block, "name", 0, nullptr);
+            size_t from = 0;
+            for (;;) {
+                const std::string instance = tagText(block, "instance", from, &interfaceEnd);
+                if (instance.empty()) break;
+                from = interfaceEnd;
+                entries->push_back(package + "@" + version + "::" + name + "/" + instance);
+            }
+        }
+    }
+}
+
 }  // namespace
+
+std::vector<std::string> getAllHalInstanceNames(const std::string& descriptor) {
+    std::vector<std::string> manifests;
+    const char* configured = getenv("HOST_VINTF_MANIFEST");
+    std::string list = configured != nullptr ? configured : HOST_VINTF_DEFAULT_MANIFEST;
+    size_t start = 0;
+    while (start <= list.size()) {
+        const size_t end = std::min(list.find(':', start), list.size());
+        if (end > start) manifests.push_back(list.substr(start, end - start));
+        start = end + 1;
+    }
+    std::vector<std::string> entries;
+    for (const std::string& path : manifests) readManifest(path, &entries);
+    std::set<std::string> instances;
+    const std::string prefix = descriptor + "/";
+    for (const std::string& entry : entries) {
+        if (entry.compare(0, prefix.size(), prefix) == 0) {
+            instances.insert(entry.substr(prefix.size()));
+        }
+    }
+    return std::vector<std::string>(instances.begin(), instances.end());
+}
 
 namespace details {
 
-status_t registerAsServiceInternal(const sp<IBase>& service, const std::string& descriptor,
-                                   const std::string& instance) {
-    if (service.get() == nullptr || descriptor.empty() || instance.empty()) {
-        ALOGE("refused registration of \"%s\"/\"%s\"%s", descriptor.c_str(), instance.c_str(),
+hidl_array<uint8_t, 32> ibaseHash() {
+    return hidl_array<uint8_t, 32>(kIBaseHash);
+}
+
+::android::hidl::base::V1_0::DebugInfo localDebugInfo(const void* object) {
+    ::android::hidl::base::V1_0::DebugInfo info = {};
+    info.pid = static_cast<int32_t>(getpid());
+    info.ptr = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object));
+    info.arch = sizeof(void*) == 8 ? ::android::hidl::base::V1_0::DebugInfo::Architecture::IS_64BIT
+                                   : ::android::hidl::base::V1_0::DebugInfo::Architecture::IS_32BIT;
+    return info;
+}
+
+bool canCastInterface(IBase* parent, const char* childIndicator, bool emitError) {
+    if (parent == nullptr || childIndicator == nullptr) return false;
+    bool found = false;
+    Return<void> ret = parent->interfaceChain([&](const hidl_vec<hidl_string>& chain) {
+        for (const hidl_string& descriptor : chain) {
+            if (descriptor == childIndicator) found = true;
+        }
+    });
+    if (!ret.isOk()) {
+        if (emitError) ALOGE("castInterface: interfaceChain failed: %s", ret.description().c_str());
+        return false;
+    }
+    return found;
+}
+
+status_t registerAsServiceInternal(const sp<IBase>& service, const std::string& name) {
+    if (service.get() == nullptr || name.empty()) {
+        ALOGE("refused registration of \"%s\"%s", name.c_str(),
               service.get() == nullptr ? " (null service)" : "");
         return BAD_VALUE;
     }
-    sp<IBase> previous;
+    std::vector<std::string> chain;
+    Return<void> ret = service->interfaceChain([&](const hidl_vec<hidl_string>& descriptors) {
+        for (const hidl_string& d : descriptors) chain.push_back(d);
+    });
+    if (!ret.isOk() || chain.empty()) {
+        ALOGE("refused registration of \"%s\": no interface chain", name.c_str());
+        return UNKNOWN_ERROR;
+    }
+    std::vector<sp<IBase>> previous;
     {
         std::lock_guard<std::mutex> guard(registry().lock);
-        sp<IBase>& slot = registry().services[Key(descriptor, instance)];
-        previous = std::move(slot);
-        slot = service;
+        for (const std::string& descriptor : chain) {
+            sp<IBase>& slot = registry().services[Key(descriptor, name)];
+            previous.push_back(std::move(slot));
+            slot = service;
+        }
     }
-    // previous is released here, outside the lock, in case its destructor looks up services.
+    // previous is released here, outside the lock, in case a destructor looks up services.
     return OK;
 }
 
@@ -89,15 +252,26 @@ sp<IBase> getRawServiceInternal(const std::string& descriptor, const std::string
 }
 
 status_t unregisterServiceInternal(const std::string& descriptor, const std::string& instance) {
-    sp<IBase> removed;
+    std::vector<sp<IBase>> removed;
     {
         std::lock_guard<std::mutex> guard(registry().lock);
         auto it = registry().services.find(Key(descriptor, instance));
         if (it == registry().services.end()) return NAME_NOT_FOUND;
-        removed = std::move(it->second);
-        registry().services.erase(it);
+        const sp<IBase> service = it->second;
+        for (auto entry = registry().services.begin(); entry != registry().services.end();) {
+            if (entry->first.second == instance && entry->second == service) {
+                removed.push_back(std::move(entry->second));
+                entry = registry().services.erase(entry);
+            } else {
+                ++entry;
+            }
+        }
     }
     return OK;
+}
+
+size_t configuredRpcThreads() {
+    return gRpcThreads.load();
 }
 
 }  // namespace details
@@ -126,7 +300,8 @@ void catchStopSignals() {
 
 }  // namespace
 
-status_t configureRpcThreadpool(size_t /*maxThreads*/, bool /*callerWillJoin*/) {
+status_t configureRpcThreadpool(size_t maxThreads, bool /*callerWillJoin*/) {
+    gRpcThreads.store(maxThreads);
     catchStopSignals();
     return OK;
 }

@@ -67,8 +67,29 @@ std::string Status::description() const {
 
 namespace details {
 
-void return_status::reportUseOfFailedValue() const {
-    ALOGE("value of a failed call read: %s", mStatus.description().c_str());
+void return_status::onValueRetrieval() const {
+    if (!isOk()) {
+        LOG_ALWAYS_FATAL("Attempted to retrieve value from failed HIDL call: %s",
+                         description().c_str());
+    }
+}
+
+void return_status::assertOk() const {
+    if (!isOk()) {
+        LOG_ALWAYS_FATAL("Failed HIDL return status not checked: %s", description().c_str());
+    }
+}
+
+return_status::~return_status() {
+    if (!mCheckedStatus) assertOk();
+}
+
+return_status& return_status::operator=(return_status&& other) noexcept {
+    // The status being overwritten is dropped unseen, as in the destructor.
+    if (!mCheckedStatus) assertOk();
+    std::swap(mStatus, other.mStatus);
+    std::swap(mCheckedStatus, other.mCheckedStatus);
+    return *this;
 }
 
 }  // namespace details

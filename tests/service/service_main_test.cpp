@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <vendor/quenlark/hardware/capture/1.0/ICapture.h>
 
+#include "capture_emulator/Emulator.h"
+
 #include <chrono>
 #include <future>
 #include <thread>
@@ -17,8 +19,10 @@ using ::vendor::quenlark::hardware::capture::V1_0::CaptureReturn;
 using ::vendor::quenlark::hardware::capture::V1_0::ICapture;
 
 TEST(CaptureServiceTest, RegistersDefaultServesAndStopsOnSigterm) {
-    unsetenv("CAPTURE_SUBHAL_PATH");
-    unsetenv("CAPTURE_DEVICE_TREE_ROOT");
+    // What the host launcher does before it runs the service's main.
+    setenv("CAPTURE_SUBHAL_PATH", CAPTURE_EMULATOR_LIBRARY, 1);
+    setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 1);
+    ASSERT_EQ(::android::OK, capture_emulator::registerPqService());
     std::packaged_task<int()> run([] {
         char name[] = "vendor.quenlark.hardware.capture@1.0-service";
         char* argv[] = {name, nullptr};

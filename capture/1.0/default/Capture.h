@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "InterfaceLayout.h"
 #include "RelaxedAtomic.h"
 #include "VxCaptureHal.h"
 

@@ -160,7 +160,7 @@ Return<CaptureReturn> Capture::setCaptureInfo(int32_t captureId, const CaptureIn
     CAPTURE_LOGI("numFds: %d , dstBuffer->data[0]: %d", dstHandle->numFds, dstHandle->data[0]);
 
     static_assert(sizeof(vx.u32Param) == sizeof(info.param), "seven pass-through words");
-    std::memcpy(vx.u32Param, info.param, sizeof(vx.u32Param));
+    std::memcpy(vx.u32Param, info.param.data(), sizeof(vx.u32Param));
     vx.u32Reserved1 = 0;
     vx.u32Param136 = info.param144;
     vx.eSecureBuffer = secureBufferMapping(static_cast<uint32_t>(info.secureBuffer));

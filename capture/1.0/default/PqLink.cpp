@@ -57,20 +57,21 @@ void decodeBlock(const uint8_t* raw, CapturePointBlock* block) {
     info.h = readU16(raw + 2);
     info.fmt = static_cast<int32_t>(readU32(raw + 4));
     info.hwEngine = raw[8];
-    std::memcpy(info.u8Reserved, raw + 9, sizeof(info.u8Reserved));
+    std::memcpy(info.u8Reserved.data(), raw + 9, sizeof(info.u8Reserved));
     info.u32RemainBWBudget = readU32(raw + 48);
     info.activeWinNum = raw[52];
     info.bIsPQHWSet = raw[53];
     // Bytes 56..71 held the sender's vector header, which means nothing in this process.
     info.winInfo = hidl_vec<ST_WIN_INFO>();
-    std::memcpy(info.u8Reserved2, raw + 72, sizeof(info.u8Reserved2));
+    std::memcpy(info.u8Reserved2.data(), raw + 72, sizeof(info.u8Reserved2));
 
     const uint8_t* windows = raw + kRawInfoSize;
     for (uint32_t i = 0; i < kWindowsPerPoint; ++i) {
         const uint8_t* w = windows + i * kRawWindowSize;
         block->windows[i] = ST_WIN_INFO{};
         block->windows[i].u8PqId = w[0];
-        std::memcpy(block->windows[i].u8Reserved, w + 1, sizeof(block->windows[i].u8Reserved));
+        std::memcpy(block->windows[i].u8Reserved.data(), w + 1,
+                    sizeof(block->windows[i].u8Reserved));
         block->windows[i].u32WinTime = readU32(w + 4);
     }
 }

@@ -11,8 +11,8 @@
 //   CAPTURE_EMU_DROP_EVERY=N                     every Nth frame of a stream is dropped
 //   CAPTURE_EMU_CONTROL=/path/to/file            a control file, re-read whenever it changes:
 //                                                lines "fail <Entry> <status> [count|*]",
-//                                                "drop-every <N>", "slow-frames <ms>" and
-//                                                "clear"; '#' comments
+//                                                "drop-every <N>", "slow-frames <ms>",
+//                                                "pq-dead" and "clear"; '#' comments
 #pragma once
 
 #include <stdint.h>
@@ -75,6 +75,9 @@ void failNextCalls(Entry entry, uint32_t status, uint32_t count = 1);
 void setDropEveryNth(uint32_t n);
 // Every streamed frame takes `ms` longer to produce, as an engine that cannot keep up; 0 off.
 void setFrameDelayMs(uint32_t ms);
+// The picture-quality service answers every call as a service whose process died does (a
+// transaction failure, DEAD_OBJECT), until cleared.
+void setPqDead(bool dead);
 void clearFaults();
 
 struct InstanceStats {

@@ -1,8 +1,9 @@
-// In-process service registry standing in for hwservicemanager on hosts.
+// In-process service registry standing in for hwservicemanager on hosts, with the platform's
+// entry points (the generated getService/registerAsService call these).
 //
-// Services are keyed by (interface descriptor, instance name). Lookups never wait: a service
-// that is not registered yet is simply absent, as with getService(name, getStub) on a device
-// whose service has not started.
+// Services are keyed by (interface descriptor, instance name), under every descriptor of their
+// interface chain, as hwservicemanager registers them. Lookups never wait: a service that is
+// not registered yet is simply absent, as with tryGetService on a device.
 #pragma once
 
 #include <android/hidl/base/1.0/IBase.h>
@@ -10,41 +11,30 @@
 #include <utils/StrongPointer.h>
 
 #include <string>
+#include <vector>
 
 namespace android {
 namespace hardware {
+
+// The instances of an interface that the device's VINTF manifest declares, sorted. On hosts the
+// manifest is the service's own fragment (HOST_VINTF_MANIFEST names others, ':'-separated).
+std::vector<std::string> getAllHalInstanceNames(const std::string& descriptor);
+
 namespace details {
 
 // Replaces any service already registered under the same key. BAD_VALUE for a null service or
-// an empty descriptor or instance.
+// an empty instance name.
 status_t registerAsServiceInternal(const sp<::android::hidl::base::V1_0::IBase>& service,
-                                   const std::string& descriptor, const std::string& instance);
+                                   const std::string& name);
 
-// Null when nothing is registered under the key. retry and getStub exist for source
-// compatibility and change nothing in-process.
+// Null when nothing is registered under the key. retry and getStub change nothing in-process.
 sp<::android::hidl::base::V1_0::IBase> getRawServiceInternal(const std::string& descriptor,
                                                              const std::string& instance,
-                                                             bool retry = false,
-                                                             bool getStub = false);
+                                                             bool retry, bool getStub);
 
-// Host only: drops the registration so that tests start from an empty registry. NAME_NOT_FOUND
-// when nothing was registered under the key.
+// Host only: drops the registration (under every descriptor) so that tests start from an empty
+// registry. NAME_NOT_FOUND when nothing was registered under the key.
 status_t unregisterServiceInternal(const std::string& descriptor, const std::string& instance);
-
-// Body of a generated IFoo::getService: null when absent or when the registered object does
-// not implement IFoo.
-template <typename IFoo>
-sp<IFoo> getServiceAs(const std::string& instance, bool getStub = false) {
-    sp<::android::hidl::base::V1_0::IBase> base =
-        getRawServiceInternal(IFoo::descriptor, instance, false, getStub);
-    return sp<IFoo>(dynamic_cast<IFoo*>(base.get()));
-}
-
-// Body of a generated IFoo::registerAsService.
-template <typename IFoo>
-status_t registerAsServiceAs(IFoo* service, const std::string& instance) {
-    return registerAsServiceInternal(service, IFoo::descriptor, instance);
-}
 
 }  // namespace details
 }  // namespace hardware

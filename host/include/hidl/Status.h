@@ -1,11 +1,13 @@
 // Host build of the HIDL call status: Status, Return<T>, Return<void> and Void().
 //
-// In-process calls cannot fail in transport, so a Return normally carries its value; a Status
-// is still representable so that callers' error paths compile and can be exercised.
+// In-process calls cannot fail in transport, but an implementation may return a failed Status
+// (the test doubles do, to play a peer that died), and a failed Return behaves as on the
+// platform.
 #pragma once
 
 #include <stdint.h>
 #include <utils/Errors.h>
+#include <utils/StrongPointer.h>
 
 #include <string>
 #include <utility>
@@ -49,30 +51,44 @@ private:
 
 namespace details {
 
+// The call status every Return carries. As on the platform, a failed status must be looked at:
+// reading the value of a failed call aborts the process, and so does destroying (or overwriting)
+// a failed Return whose isOk() nobody asked. Paths that call a peer which may be dead (a client's
+// callback, another service) have to check.
 class return_status {
 public:
     return_status() = default;
-    explicit return_status(Status s) : mStatus(std::move(s)) {}
+    return_status(const Status& s) : mStatus(s) {}  // NOLINT(google-explicit-constructor)
     return_status(const return_status&) = delete;
     return_status& operator=(const return_status&) = delete;
-    return_status(return_status&&) = default;
-    return_status& operator=(return_status&&) = default;
-    ~return_status() = default;
+    return_status(return_status&& other) noexcept { *this = std::move(other); }
+    return_status& operator=(return_status&& other) noexcept;
+    ~return_status();
 
-    bool isOk() const { return mStatus.isOk(); }
-    bool isDeadObject() const {
-        return mStatus.exceptionCode() == Status::EX_TRANSACTION_FAILED &&
-               mStatus.transactionError() == DEAD_OBJECT;
+    // Counts as the check.
+    bool isOk() const {
+        mCheckedStatus = true;
+        return mStatus.isOk();
     }
+    // Leaves the check to someone else.
+    bool isOkUnchecked() const { return mStatus.isOk(); }
+    // A true answer counts as the check; a false one does not, since other failures remain.
+    bool isDeadObject() const {
+        const bool dead = mStatus.transactionError() == DEAD_OBJECT;
+        if (dead) mCheckedStatus = true;
+        return dead;
+    }
+    // Aborts when the call failed.
+    void assertOk() const;
+    // For logs; not a check.
     std::string description() const { return mStatus.description(); }
-    const Status& getStatus() const { return mStatus; }
 
 protected:
-    // Reading the value of a failed call is a caller bug; the device aborts, the host logs.
-    void reportUseOfFailedValue() const;
+    void onValueRetrieval() const;
 
 private:
     Status mStatus;
+    mutable bool mCheckedStatus = false;
 };
 
 }  // namespace details
@@ -80,29 +96,56 @@ private:
 template <typename T>
 class Return : public details::return_status {
 public:
-    Return(T value) : details::return_status(), mVal(std::move(value)) {}  // NOLINT
-    Return(Status s) : details::return_status(std::move(s)), mVal() {}     // NOLINT
-    Return(Return&&) = default;
-    Return& operator=(Return&&) = default;
-
-    T withDefault(T t) const { return isOk() ? mVal : t; }
+    Return(T value) : details::return_status(), mVal{value} {}      // NOLINT
+    Return(Status s) : details::return_status(s) {}                // NOLINT
+    Return(Return&&) noexcept = default;
+    Return& operator=(Return&&) noexcept = default;
+    ~Return() = default;
 
     operator T() const {  // NOLINT(google-explicit-constructor)
-        if (!isOk()) reportUseOfFailedValue();
+        onValueRetrieval();
         return mVal;
     }
 
+    T withDefault(T t) { return isOk() ? mVal : t; }
+
 private:
-    T mVal;
+    T mVal{};
+};
+
+template <typename T>
+class Return<sp<T>> : public details::return_status {
+public:
+    Return(sp<T> value) : details::return_status(), mVal{value} {}  // NOLINT
+    Return(T* value) : details::return_status(), mVal{value} {}     // NOLINT
+    template <typename U>
+    Return(sp<U> value) : details::return_status(), mVal{value} {}  // NOLINT
+    template <typename U>
+    Return(U* value) : details::return_status(), mVal{value} {}     // NOLINT
+    Return(Status s) : details::return_status(s) {}                // NOLINT
+    Return(Return&&) noexcept = default;
+    Return& operator=(Return&&) noexcept = default;
+    ~Return() = default;
+
+    operator sp<T>() const {  // NOLINT(google-explicit-constructor)
+        onValueRetrieval();
+        return mVal;
+    }
+
+    sp<T> withDefault(sp<T> t) { return isOk() ? mVal : t; }
+
+private:
+    sp<T> mVal{};
 };
 
 template <>
 class Return<void> : public details::return_status {
 public:
     Return() : details::return_status() {}
-    Return(Status s) : details::return_status(std::move(s)) {}  // NOLINT
+    Return(const Status& s) : details::return_status(s) {}  // NOLINT
     Return(Return&&) = default;
     Return& operator=(Return&&) = default;
+    ~Return() = default;
 };
 
 inline Return<void> Void() {

@@ -2,12 +2,12 @@
 
 #include <GLES2/gl2ext.h>
 #include <sys/stat.h>
-#include <ui/GrallocPrivate.h>
 
 #include <new>
 #include <sstream>
 
 #include "GpuLog.h"
+#include "PlatformConfig.h"
 #include "gpu_dump.h"
 
 extern "C" {
@@ -102,7 +102,7 @@ sp<GraphicBuffer> wrapBuffer(const native_handle_t* handle, int32_t width, int32
         GPU_LOGE("no buffer to wrap: handle %p, %dx%d", handle, width, height);
         return nullptr;
     }
-    const int32_t stride = gralloc_private_stride(handle);
+    const int32_t stride = allocatorStride(handle);
     sp<GraphicBuffer> buffer = new GraphicBuffer(
         handle, GraphicBuffer::CLONE_HANDLE, static_cast<uint32_t>(width),
         static_cast<uint32_t>(height), static_cast<::android::PixelFormat>(format), 1,
@@ -466,7 +466,7 @@ uint32_t GpuDrawing::gles_init_RenderTargets(GpuPhotoFeatureIn* feature) {
     dst_image.feature = feature;
     dst_image.buffer =
         wrapBuffer(feature->dstHandle, feature->dstWidth, feature->dstHeight, feature->dstFormat);
-    GPU_LOGD("dst: private_handle->stride = [%d] ", gralloc_private_stride(feature->dstHandle));
+    GPU_LOGD("dst: private_handle->stride = [%d] ", allocatorStride(feature->dstHandle));
     if (dst_image.buffer != nullptr) dst_image.native_buffer = dst_image.buffer->getNativeBuffer();
     dst_image.image = createBufferImage(display, dst_image.buffer, dst_image.native_buffer);
     glBindTexture(GL_TEXTURE_EXTERNAL_OES, dst_image.texture);
@@ -498,7 +498,7 @@ uint32_t GpuDrawing::gles_init_RenderTargets(GpuPhotoFeatureIn* feature) {
                                                        &bytesPerPixel, &bytesPerStride);
         GPU_LOGD("src: graphic_buffer_vaddr = [%p] ", static_cast<void*>(&src_image.mapping));
         GPU_LOGD("src: private_handle->stride = [%d], out_bytes_perstride = [%d]",
-                 gralloc_private_stride(feature->srcHandle), bytesPerStride);
+                 allocatorStride(feature->srcHandle), bytesPerStride);
         if (locked == NO_ERROR) {
             DumpInputData(static_cast<uint32_t>(bytesPerStride),
                           static_cast<uint32_t>(feature->srcWidth),

@@ -7,7 +7,7 @@
 #include <GLES3/gl3.h>
 #include <cutils/native_handle.h>
 #include <ui/GraphicBuffer.h>
-#include <ui/mat4.h>
+#include <math/mat4.h>
 #include <utils/StrongPointer.h>
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // Width alignment of the platform allocator, as the GPU path's destinations need it.
-#include <ui/GrallocPrivate.h>
 #include <ui/GraphicBuffer.h>
 #include <utils/StrongPointer.h>
 
+#include "PlatformConfig.h"
 #include "gpu_draw.h"
 
 namespace vendor {
@@ -27,7 +27,7 @@ uint32_t gpu_get_width_align(uint32_t format) {
         1, 1, static_cast<::android::PixelFormat>(format), kProbeUsage, "<Unknown>");
     const native_handle_t* handle = probe->handle;
     if (handle == nullptr) return 0;
-    return static_cast<uint32_t>(gralloc_private_stride(handle));
+    return static_cast<uint32_t>(allocatorStride(handle));
 }
 
 }  // namespace implementation

@@ -18,9 +18,8 @@
 //   data[13], data[14]  reserved, 0
 //   data[15]  row stride in pixels
 //
-// The row stride sits at byte offset 72 of the handle (12-byte header, then 15 ints); the
-// capture service reads it there, as it does with the device allocator, so this offset must
-// follow whichever allocator a port uses.
+// The row stride sits at byte offset 72 of the handle (12-byte header, then 15 ints), where the
+// capture service reads it (PlatformConfig.h: the device allocator keeps it there too).
 //
 // Row alignment: the display controller wants every row to start on a 64-byte boundary, so
 // the stride in pixels is the width rounded up to:
@@ -51,6 +50,8 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+
+#include "PlatformConfig.h"
 
 // Formats of this platform that the AOSP headers leave unnamed.
 constexpr int32_t GRALLOC_PRIVATE_FORMAT_NV12 = 21;
@@ -83,6 +84,9 @@ constexpr size_t kGrallocPrivateStrideOffset = 72;
 static_assert(sizeof(native_handle_t) + sizeof(int) * kGrallocPrivateStrideIndex ==
                   kGrallocPrivateStrideOffset,
               "the stride must be data[15] of the handle");
+static_assert(kGrallocPrivateStrideOffset ==
+                  ::vendor::quenlark::hardware::capture::V1_0::implementation::kAllocatorStrideOffset,
+              "the host allocator keeps the stride where the capture service reads it");
 
 // Row stride in pixels of an allocator handle; 0 for a null handle or one too short to carry
 // it.
@@ -90,8 +94,5 @@ inline int32_t gralloc_private_stride(const native_handle_t* handle) {
     if (handle == nullptr || handle->numFds < 0 || handle->numInts < 0) return 0;
     const int64_t words = static_cast<int64_t>(handle->numFds) + handle->numInts;
     if (words <= kGrallocPrivateStrideIndex) return 0;
-    int32_t stride = 0;
-    memcpy(&stride, reinterpret_cast<const char*>(handle) + kGrallocPrivateStrideOffset,
-           sizeof(stride));
-    return stride;
+    return handle->data[kGrallocPrivateStrideIndex];
 }

@@ -3,8 +3,8 @@
 #pragma once
 
 #include <stddef.h>
-#include <ui/vec3.h>
-#include <ui/vec4.h>
+#include <math/vec3.h>
+#include <math/vec4.h>
 
 #include <cmath>
 
