@@ -5,9 +5,12 @@
 #   build/tsan  clang++, ThreadSanitizer, the threaded tests (names with Stress or Stream)
 #   build/armhf the device's 32-bit ARM userland: cross-built with Debian's armhf toolchain,
 #               every test that needs no GPU run under qemu-arm (scripts/qemu-armhf)
+#   build/device every source of the platform build compiled as for the device (clang, 32-bit
+#               ARM, -D__ANDROID__, nothing host-only on the include path), and what the
+#               platform's headers refuse checked to be refused (scripts/device_compile.py)
 # and then a short run of every fuzz target (build/fuzz, scripts/fuzz.sh, FUZZ_SECONDS each,
 # default 8).
-# Usage: scripts/test.sh [gcc|asan|tsan|armhf|fuzz]...   (default: all five)
+# Usage: scripts/test.sh [gcc|asan|tsan|armhf|device|fuzz]...   (default: all six)
 set -euo pipefail
 
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -17,7 +20,7 @@ scripts/install-deps.sh
 jobs="${JOBS:-$(nproc)}"
 configs=("$@")
 if [ ${#configs[@]} -eq 0 ]; then
-    configs=(gcc asan tsan armhf fuzz)
+    configs=(gcc asan tsan armhf device fuzz)
 fi
 
 export EGL_PLATFORM=surfaceless
@@ -26,6 +29,12 @@ export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp ${LSAN_OPTIONS:-}"
 
 run_config() {
     local name="$1"
+    if [ "$name" = device ]; then
+        echo "=== [device] the platform build's sources, compiled as for the device"
+        scripts/armhf-deps.sh
+        python3 scripts/device_compile.py --out build/device --jobs "$jobs"
+        return
+    fi
     if [ "$name" = fuzz ]; then
         echo "=== [fuzz] build and a short run of every target"
         scripts/fuzz.sh "${FUZZ_SECONDS:-8}"

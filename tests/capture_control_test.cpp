@@ -198,11 +198,14 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
         {true, -1, 0, 7, CaptureReturn::INVALID_CAPTURE_ID},
         {false, -1, 0, 16, CaptureReturn::FORMAT_NOT_SUPPORT},
     };
+    // The PQ service died after the start: its refusal is only logged.
+    pq->replies["unregister"] = FakePq::Reply::DeadObject;
     for (const auto& [started, pqId, unregister, stop, expected] : cases) {
         SCOPED_TRACE(testing::Message() << unregister << "/" << stop);
         bindPq(pqId);
         ASSERT_TRUE(!started || service->startCapture(id, cb) == CaptureReturn::SUCCESS);
         fake_subhal::reset();
+        log.clear();
         fake_subhal::setResultOnce(E::UnRegisterCallback, unregister);
         fake_subhal::setResultOnce(E::CaptureStop, stop);
         EXPECT_EQ(expected, service->stopCapture(id));
@@ -211,6 +214,7 @@ TEST_F(ContinuousCaptureTest, StopUndoesTheRegistrationsThenStops) {
             journal.insert(journal.begin(), "pq.unregister " + std::to_string(pqId) + "/4");
         if (started) journal.insert(journal.begin(), "UnRegisterCallback");
         EXPECT_EQ(journal, fake_subhal::state().journal);
+        EXPECT_EQ(pqId >= 0 ? 1u : 0u, log.count("unRegisterPqOnewayCallback Failed"));
         EXPECT_EQ(nullptr, installed());
         EXPECT_EQ(-1, mPqStreamInfo[slot].pqId);
     }

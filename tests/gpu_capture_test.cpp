@@ -3,6 +3,7 @@
 // graphics layer; frame dump files; the drawing environment's entry points.
 #include <android-base/properties.h>
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <ui/GrallocPrivate.h>
 #include <ui/GraphicBuffer.h>
@@ -633,6 +634,41 @@ TEST_F(GpuCaptureTest, DumpsTheSourceBuffersBytesAndNeverReadsPastThem) {
                "gpu_output-0002_640x360_RGBA8888.raw"}),
         folder.files());
     EXPECT_EQ(1u, log.count("eglCreateImageKHR of a 1916x4096 buffer failed")) << log.dump();
+}
+
+// A YUV buffer may keep its chroma plane behind a second descriptor: the dump holds both planes
+// as lock() maps them, and a claimed size beyond what the two hold is still refused.
+TEST_F(GpuCaptureTest, DumpsBuffersWhosePlanesLieBehindTwoDescriptors) {
+    DumpFolder folder;
+    dump_input_index = 1;
+    const std::vector<uint8_t> luma = pattern(64 * 64, 5), chroma = pattern(64 * 32, 6);
+    // The allocator's sixteen words, the stride at data[15].
+    const std::unique_ptr<native_handle_t, void (*)(native_handle_t*)> planes(
+        native_handle_create(2, 14), [](native_handle_t* h) {
+            native_handle_close(h);
+            native_handle_delete(h);
+        });
+    for (int i = 0; i < 2; ++i) {
+        const std::vector<uint8_t>& plane = i == 0 ? luma : chroma;
+        planes->data[i] = memfd_create("plane", MFD_CLOEXEC);
+        ASSERT_EQ(ssize_t(plane.size()), write(planes->data[i], plane.data(), plane.size()));
+    }
+    planes->data[15] = 64;
+    setenv("CAPTURE_HOST_GL", "0", 1);  // only the dump matters here
+    for (uint32_t height : {64u, 128u}) {
+        SCOPED_TRACE(height);
+        EXPECT_EQ(CaptureReturn::SUCCESS, captureOnce([&] {
+                      mSrcFrameInfo[kSlot].buffer = hidl_handle(planes.get());
+                      mSrcFrameInfo[kSlot].width = 64;
+                      mSrcFrameInfo[kSlot].height = height;
+                  }));
+    }
+    unsetenv("CAPTURE_HOST_GL");
+    std::vector<uint8_t> both = luma;
+    both.insert(both.end(), chroma.begin(), chroma.end());
+    EXPECT_TRUE(both == folder.read("gpu_intput-0001_64x64_NV12.raw"));
+    EXPECT_EQ(0u, folder.files().count("gpu_intput-0002_64x128_NV12.raw"));
+    EXPECT_EQ(1u, log.count("frame of 12288 bytes is larger than its 6144-byte buffer")) << log.dump();
 }
 
 TEST_F(GpuCaptureTest, WithoutTheYuvTargetTheDriversRefusalIsLoggedAndTheEnvironmentHandedOut) {

@@ -168,6 +168,35 @@ TEST_F(SpineTest, InitLibResolvesEveryEntryThenCompletesStartUp) {
     EXPECT_TRUE(pointers == entryPointers() && mSrcFrameInfo[3].width == 640);
 }
 
+// Every in-process user gets the process's one service object, so dropping a reference never
+// unloads the sub-HAL under another user. (The partial build is the library no one else here
+// loads.)
+TEST_F(SpineTest, FetchedServiceIsTheProcesssOneObject) {
+    setenv("CAPTURE_SUBHAL_PATH", FAKE_SUBHAL_PARTIAL_PATH, 1);
+    const auto loaded = [] {
+        void* handle = dlopen(FAKE_SUBHAL_PARTIAL_PATH, RTLD_NOW | RTLD_NOLOAD);
+        if (handle != nullptr) dlclose(handle);
+        return handle != nullptr;
+    };
+    ASSERT_FALSE(loaded());
+    sp<ICapture> first = HIDL_FETCH_ICapture("default");
+    sp<ICapture> second = HIDL_FETCH_ICapture("default");
+    EXPECT_EQ(first, second);
+    ASSERT_EQ(CaptureReturn::SUCCESS, static_cast<CaptureReturn>(first->initLib()));
+    first.clear();
+    EXPECT_TRUE(loaded());
+    int32_t id = -1;
+    second->open([&](CaptureReturn ret, int32_t captureId) {
+        EXPECT_EQ(CaptureReturn::SUCCESS, ret);
+        id = captureId;
+    });
+    EXPECT_EQ(CaptureReturn::SUCCESS, static_cast<CaptureReturn>(second->close(id)));
+    second.clear();
+    EXPECT_TRUE(loaded());
+    resetProcessState();  // unloads it, as the fixture's next test expects
+    EXPECT_FALSE(loaded());
+}
+
 TEST_F(SpineTest, OpenFollowsTheSubHal) {
     constexpr CaptureReturn kOk = CaptureReturn::SUCCESS;
     constexpr CaptureReturn kBadId = CaptureReturn::INVALID_CAPTURE_ID;

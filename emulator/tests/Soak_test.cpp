@@ -1,12 +1,16 @@
 // Soak: every slot streams on the emulated hardware while other threads open and close, configure,
 // query, take single shots, swap callbacks, start and stop, and inject faults through the control
-// file. Every frame handed to the service must reach the callback registered for it exactly once
-// or be counted as stale; every buffer a client got must go back; descriptors must not grow.
+// file, the picture-quality service's death among them; some clients die mid-stream (their calls
+// fail as a dead process's do and they hand no buffer back). Every frame handed to the service
+// must reach the callback registered for it exactly once or be counted as stale; every buffer a
+// live client got must go back; descriptors must not grow.
 // CAPTURE_SOAK_SECONDS sets the length (2 s by default).
 #include <android/log.h>
 #include <cutils/native_handle.h>
 #include <gtest/gtest.h>
+#include <hidl/ServiceManagement.h>
 #include <unistd.h>
+#include <vendor/quenlark/hardware/pq/1.0/IPq.h>
 
 #include <array>
 #include <atomic>
@@ -51,19 +55,32 @@ void countStale(const struct __android_logger_data*, const char* message) {
     }
 }
 
+// Pipes are left out: ThreadSanitizer starts its symbolizer through two of them the first time
+// a suppressed report needs symbols, and nothing under test makes pipes.
 auto countOpenFds() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    long count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        count += std::filesystem::read_symlink(entry.path(), error).string().rfind("pipe:", 0) != 0;
+    }
+    return count;
 }
 
 struct Client : public ICaptureCallback {
-    explicit Client(sp<ICapture> s) : service(std::move(s)) {}
+    // A client that dies after `lifetime` frames (0: never).
+    Client(sp<ICapture> s, uint64_t lifetime) : service(std::move(s)), lifetime(lifetime) {}
     Return<void> onNotify(CaptureEventNotify, const CaptureCallbackParams& p) override {
         const int slot = p.captureId - kBase;
         if (slot >= 0 && slot < kSlots) ++received[slot];
+        if (lifetime != 0 && ++seen > lifetime) {
+            return ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
+        }
         gBadReturns += service->frameProcessDone(p.captureId, p.index) != CaptureReturn::SUCCESS;
         return Void();
     }
     sp<ICapture> service;
+    const uint64_t lifetime;
+    std::atomic<uint64_t> seen{0};
     std::array<std::atomic<uint64_t>, kSlots> received{};
 };
 
@@ -76,6 +93,7 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
     setenv("CAPTURE_SUBHAL_PATH", CAPTURE_EMULATOR_LIBRARY, 1);
     setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 1);
     capture_emulator::resetForTest();
+    ASSERT_EQ(::android::OK, capture_emulator::registerPqService());
     __android_log_set_logger(countStale);
     __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, 64u, __ATOMIC_RELAXED);
 
@@ -111,6 +129,12 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
         EXPECT_EQ(kBase + slot, id);
         CaptureInfo mine = info;
         mine.dstBuffer = hidl_handle(handles[slot]);
+        // The churned slots capture picture-quality streams: their starts and stops talk to the
+        // PQ service, which dies now and then.
+        if (slot >= kSlots - kChurned) {
+            mine.capPoint = CapturePoint::PQ_STREAM_PROCESSED;
+            mine.pqId = slot % 4;
+        }
         return service->setCaptureInfo(id, mine) == CaptureReturn::SUCCESS;
     };
     // Frames handed to the service per slot, read before each stop (a close forgets them).
@@ -124,9 +148,10 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
     const auto fds = countOpenFds();
     std::vector<sp<Client>> clients;  // kept to the end: every frame is counted on one of them
     std::mutex clientsLock;
-    const auto newClient = [&] {
+    // On the churned slots every third client dies after a few frames.
+    const auto newClient = [&](uint64_t lifetime = 0) {
         std::lock_guard<std::mutex> guard(clientsLock);
-        return clients.emplace_back(new Client(service));
+        return clients.emplace_back(new Client(service, lifetime));
     };
     for (int s = 0; s < kSlots; ++s) {
         ASSERT_TRUE(reopen(s));
@@ -145,7 +170,7 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
                 stopAndCount(slot);
                 if (!reopen(slot)) continue;
                 if (rng() % 3 == 0) service->captureOnce(id);
-                service->startCapture(id, newClient());
+                service->startCapture(id, newClient(rng() % 3 == 0 ? 1 + rng() % 8 : 0));
                 if (rng() % 2 == 0)
                     service->setCallback(id, newClient());  // later frames are stale
                 std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 20));
@@ -166,9 +191,10 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
     });
     threads.emplace_back([&] {  // faults on the churned slots' next start and configuration
         for (int round = 0; Clock::now() < end; ++round) {
-            std::ofstream(control) << (round % 3 == 0   ? "fail CaptureStart 17 1\n"
-                                       : round % 3 == 1 ? "fail SetCaptureInfo 16 1\ndrop-every 7\n"
-                                                        : "clear\n");
+            static const char* const kRounds[] = {"fail CaptureStart 17 1\n",
+                                                  "fail SetCaptureInfo 16 1\ndrop-every 7\n",
+                                                  "pq-dead\n", "clear\n"};
+            std::ofstream(control) << kRounds[round % 4];
             std::this_thread::sleep_for(std::chrono::milliseconds(150));
         }
         std::ofstream(control) << "clear\n";
@@ -204,6 +230,8 @@ TEST(SoakStressTest, ThirtyTwoStreamsUnderChurnAndFaults) {
     unlink(control);
     unsetenv("CAPTURE_EMU_CONTROL");
     capture_emulator::resetForTest();
+    ::android::hardware::details::unregisterServiceInternal(
+        ::vendor::quenlark::hardware::pq::V1_0::IPq::descriptor, "default");
 }
 
 }  // namespace

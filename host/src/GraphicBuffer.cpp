@@ -268,14 +268,33 @@ status_t GraphicBuffer::lock(uint32_t /*inUsage*/, void** vaddr, int32_t* outByt
         ALOGE("lock of a buffer that is already locked");
         return INVALID_OPERATION;
     }
-    const int fd = handle->data[0];
-    struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_size <= 0) {
-        ALOGE("lock: buffer descriptor %d has no contents", fd);
-        return BAD_VALUE;
+    // Every descriptor of the buffer, end to end: the platform's mapper gives one address for
+    // the whole buffer, also when its planes live behind several descriptors. Each descriptor
+    // but the last starts on a page of its own.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t offsets[NATIVE_HANDLE_MAX_FDS + 1] = {};
+    for (int i = 0; i < handle->numFds; ++i) {
+        struct stat st;
+        if (handle->data[i] < 0 || fstat(handle->data[i], &st) != 0 || st.st_size <= 0) {
+            ALOGE("lock: buffer descriptor %d has no contents", handle->data[i]);
+            return BAD_VALUE;
+        }
+        const size_t bytes = static_cast<size_t>(st.st_size);
+        offsets[i + 1] = offsets[i] + (i + 1 < handle->numFds ? (bytes + page - 1) / page * page
+                                                              : bytes);
     }
-    const size_t size = static_cast<size_t>(st.st_size);
-    void* mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    const size_t size = offsets[handle->numFds];
+    void* mapping = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    for (int i = 0; mapping != MAP_FAILED && i < handle->numFds; ++i) {
+        char* at = static_cast<char*>(mapping) + offsets[i];
+        if (mmap(at, offsets[i + 1] - offsets[i], PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
+                 handle->data[i], 0) == MAP_FAILED) {
+            const int error = errno;
+            munmap(mapping, size);
+            errno = error;
+            mapping = MAP_FAILED;
+        }
+    }
     if (mapping == MAP_FAILED) {
         const int error = errno;
         ALOGE("lock: mapping %zu bytes failed: %s", size, strerror(error));

@@ -191,7 +191,16 @@ Return<void> Capture::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& 
 }
 
 extern "C" ICapture* HIDL_FETCH_ICapture(const char* /* name */) {
-    return new Capture();
+    // The service's state is the process's (the slot tables, the one loaded sub-HAL), and a
+    // Capture's destructor unloads the sub-HAL: two objects would let one pull the library from
+    // under the other and under completions in flight. Every caller gets the same object, which
+    // holds a reference of its own and so lives as long as the process.
+    static ICapture* const instance = [] {
+        ICapture* capture = new Capture();
+        capture->incStrong(&instance);
+        return capture;
+    }();
+    return instance;
 }
 
 }  // namespace implementation

@@ -164,7 +164,8 @@ private:
     // Lets the GPU path's tests run the branch without the rest of captureOnce.
 };
 
-// Binder-less host entry, as passthrough HALs export it.
+// The process's one service object, as passthrough HALs export it: the service's main and
+// in-process users share it.
 extern "C" ICapture* HIDL_FETCH_ICapture(const char* name);
 
 }  // namespace implementation

@@ -2,6 +2,7 @@
 
 #include <GLES2/gl2ext.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <new>
 #include <sstream>
@@ -114,16 +115,26 @@ sp<GraphicBuffer> wrapBuffer(const native_handle_t* handle, int32_t width, int32
     return buffer;
 }
 
-// Bytes behind a buffer's descriptor, so that a dump never reads past the mapping whatever size
-// the client claimed; kDumpBufferSizeUnknown when the descriptor cannot tell.
+// Bytes that lock() maps for a buffer, so that a dump never reads past the mapping whatever
+// size the client claimed: every descriptor of the handle, end to end, each but the last
+// starting on a page of its own (planes may live behind separate descriptors).
+// kDumpBufferSizeUnknown when a descriptor cannot tell.
 uint64_t bufferBytes(const GraphicBuffer& buffer) {
     const native_handle_t* handle = buffer.handle;
-    if (handle == nullptr || handle->numFds < 1 || handle->data[0] < 0) {
+    if (handle == nullptr || handle->numFds < 1 || handle->numFds > NATIVE_HANDLE_MAX_FDS) {
         return kDumpBufferSizeUnknown;
     }
-    struct stat st;
-    if (fstat(handle->data[0], &st) != 0 || st.st_size <= 0) return kDumpBufferSizeUnknown;
-    return static_cast<uint64_t>(st.st_size);
+    const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    uint64_t total = 0;
+    for (int i = 0; i < handle->numFds; ++i) {
+        struct stat st;
+        if (handle->data[i] < 0 || fstat(handle->data[i], &st) != 0 || st.st_size <= 0) {
+            return kDumpBufferSizeUnknown;
+        }
+        const uint64_t bytes = static_cast<uint64_t>(st.st_size);
+        total += i + 1 < handle->numFds ? (bytes + page - 1) / page * page : bytes;
+    }
+    return total;
 }
 
 }  // namespace
