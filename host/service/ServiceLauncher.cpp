@@ -7,18 +7,17 @@
 #define LOG_TAG "vendor.quenlark.hardware.capture@1.0-service"
 
 #include <log/log.h>
-#include <stdlib.h>
-#include <utils/Errors.h>
 
-#include "capture_emulator/Emulator.h"
+#include <string>
+
+#include "EmulatedService.h"
 
 int captureServiceMain(int argc, char** argv);
 
 int main(int argc, char** argv) {
-    setenv("CAPTURE_SUBHAL_PATH", CAPTURE_EMULATOR_LIBRARY, 0);
-    setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 0);
-    if (::android::status_t s = capture_emulator::registerPqService(); s != ::android::OK) {
-        ALOGE("cannot register the emulated picture-quality service (%d)", s);
+    std::string error;
+    if (!capture_host::useEmulatedHardware(&error)) {
+        ALOGE("%s", error.c_str());
         return 1;
     }
     return captureServiceMain(argc, argv);

@@ -10,6 +10,7 @@
 
 #include "Capture.h"
 #include "CaptureLog.h"
+#include "EmulatedService.h"
 #include "capture_emulator/Emulator.h"
 
 namespace capturectl {
@@ -298,35 +299,11 @@ void refusedBecause(const char* what, CaptureReturn code) {
 }
 
 sp<ICapture> bringUp(bool verbose) {
-    using ::vendor::quenlark::hardware::capture::V1_0::implementation::HIDL_FETCH_ICapture;
-    setenv("CAPTURE_SUBHAL_PATH", CAPTURE_EMULATOR_LIBRARY, 0);
-    setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 0);
     // Refusal reasons (level 32) are always collected; traces only when asked for.
     __atomic_store_n(&CAPTURE_HAL_LOG_LEVEL, verbose ? 64u : 32u, __ATOMIC_RELAXED);
-
-    if (::android::status_t s = capture_emulator::registerPqService(); s != ::android::OK) {
-        fprintf(stderr, "capturectl: cannot register the emulated PQ service (%d)\n", s);
-        return nullptr;
-    }
-    sp<ICapture> service = ICapture::getService();
-    if (service == nullptr) {
-        sp<ICapture> fetched = HIDL_FETCH_ICapture("default");
-        if (fetched == nullptr || fetched->registerAsService() != ::android::OK) {
-            fprintf(stderr, "capturectl: the capture service could not be created\n");
-            return nullptr;
-        }
-        service = ICapture::getService();
-    }
-    if (service == nullptr) {
-        fprintf(stderr, "capturectl: ICapture/default is not registered\n");
-        return nullptr;
-    }
-    CaptureReturn ret = service->initLib();
-    if (ret != CaptureReturn::SUCCESS) {
-        fprintf(stderr, "capturectl: initLib refused: %s; sub-HAL %s\n", describe(ret).c_str(),
-                getenv("CAPTURE_SUBHAL_PATH"));
-        return nullptr;
-    }
+    std::string error;
+    sp<ICapture> service = capture_host::getOrStartService(&error);
+    if (service == nullptr) fprintf(stderr, "capturectl: %s\n", error.c_str());
     return service;
 }
 
