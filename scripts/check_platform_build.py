@@ -4,6 +4,9 @@
 - The service library's and the service binary's sources (as CMake compiles them) are the srcs
   of the matching Android.bp modules, no more and no less.
 - The .hal files of each HIDL package are the srcs of its hidl_interface.
+- The VTS module is a cc_test as the platform's HIDL VTS modules are (VtsHalTargetTestDefaults,
+  the interface library linked statically, not a vendor module, in the general-tests and vts
+  suites), and lists the sources the workstation build compiles into it.
 - The init script starts the binary CMake and Android.bp build, and names the interface and
   instance that the VINTF fragment declares.
 - Every Android.bp is laid out as bpfmt leaves it: the file is parsed and printed again by the
@@ -158,6 +161,30 @@ def module(modules, name, kind, where):
     return m
 
 
+def strings(body, prop):
+    """The string values of a property, a list or a single value; None when it is absent."""
+    m = re.search(rf"^\s*{prop}:\s*(\[.*?\]|\"[^\"]*\"|\w+)", body, re.S | re.M)
+    return re.findall(r'"([^"]+)"', m.group(1)) if m else None
+
+
+def check_vts(folder, sources):
+    bp = os.path.join(folder, "Android.bp")
+    name = "VtsHalQuenlarkCaptureV1_0TargetTest"
+    if not os.path.exists(bp):
+        errors.append(f"{bp}: missing")
+        return
+    vts = module(bp_modules(bp), name, "cc_test", bp)
+    compare(name, cmake_sources(sources, folder), vts["srcs"])
+    if "VtsHalTargetTestDefaults" not in (strings(vts["body"], "defaults") or []):
+        errors.append(f"{name}: defaults do not include VtsHalTargetTestDefaults")
+    if f"{PACKAGE_ROOT}.capture@1.0" not in (strings(vts["body"], "static_libs") or []):
+        errors.append(f"{name}: the interface library is not in static_libs")
+    if re.search(r"^\s*vendor:\s*true", vts["body"], re.M):
+        errors.append(f"{name}: a VTS module is not a vendor module")
+    if strings(vts["body"], "test_suites") != ["general-tests", "vts"]:
+        errors.append(f"{name}: test_suites must be general-tests and vts")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--root", required=True)
@@ -165,6 +192,7 @@ def main():
     parser.add_argument("--service-sources", required=True)
     parser.add_argument("--service-binary", required=True)
     parser.add_argument("--impl-library", required=True)
+    parser.add_argument("--vts-sources", required=True)
     args = parser.parse_args()
 
     default = os.path.join(args.root, "capture/1.0/default")
@@ -176,6 +204,8 @@ def main():
     binary = args.service_binary
     service = module(modules, binary, "cc_binary", bp)
     compare(binary, cmake_sources(args.service_sources, default), service["srcs"])
+
+    check_vts(os.path.join(args.root, "capture/1.0/vts/functional"), args.vts_sources)
 
     for package in ("capture", "pq"):
         folder = os.path.join(args.root, package, "1.0")

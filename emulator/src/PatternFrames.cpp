@@ -147,9 +147,19 @@ bool PatternFrames::draw(const FrameView& frame, const PatternClock& clock, uint
     BufferPicture unknown;
     if (shown == nullptr) shown = &unknown;
     if (shown->picture.get() != this || shown->mapping != mapping) {
-        memcpy(frame.luma, mBase.data(), mLayout.lumaSize);
+        // Row by row: the padding at the end of each row is the client's, as on the hardware.
+        const size_t pitch = mLayout.pitch;
+        const size_t lumaRow = size_t{mDstWidth} * mFormat.bytesPerPixel;
+        for (size_t row = 0; pitch != 0 && row < mLayout.lumaSize / pitch; ++row) {
+            memcpy(frame.luma + row * pitch, mBase.data() + row * pitch, std::min(lumaRow, pitch));
+        }
         if (mLayout.chromaSize != 0) {
-            memcpy(frame.chroma, mBase.data() + mLayout.chromaOffset, mLayout.chromaSize);
+            // Interleaved Cb/Cr pairs: as many bytes as the luma row of an even width.
+            const size_t chromaRow = std::min<size_t>((mDstWidth + 1) / 2 * 2, pitch);
+            const uint8_t* chroma = mBase.data() + mLayout.chromaOffset;
+            for (size_t row = 0; row < mLayout.chromaSize / pitch; ++row) {
+                memcpy(frame.chroma + row * pitch, chroma + row * pitch, chromaRow);
+            }
         }
         *shown = BufferPicture{};
         shown->picture = shared_from_this();

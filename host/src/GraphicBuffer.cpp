@@ -319,6 +319,37 @@ status_t GraphicBuffer::lock(uint32_t /*inUsage*/, void** vaddr, int32_t* outByt
     return NO_ERROR;
 }
 
+status_t GraphicBuffer::lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr) {
+    if (ycbcr == nullptr) return BAD_VALUE;
+    const FormatLayout* layout = findLayout(format);
+    if (layout == nullptr || layout->chroma == Chroma::kNone || layout->bytesDen != 1 ||
+        !isAllocatorHandle(handle)) {
+        return BAD_VALUE;
+    }
+    void* vaddr = nullptr;
+    if (status_t locked = lock(inUsage, &vaddr); locked != NO_ERROR) return locked;
+    uint8_t* base = static_cast<uint8_t*>(vaddr);
+    const size_t rowBytes = static_cast<size_t>(handle->data[kGrallocPrivateByteStride]);
+    uint8_t* plane1 = base + handle->data[kGrallocPrivatePlane1Offset];
+    *ycbcr = android_ycbcr{};
+    ycbcr->y = base;
+    ycbcr->ystride = rowBytes;
+    if (layout->chroma == Chroma::kPlanar420) {
+        // YV12: Cr plane, then Cb, each at half the luma stride.
+        ycbcr->cr = plane1;
+        ycbcr->cb = base + handle->data[kGrallocPrivatePlane2Offset];
+        ycbcr->cstride = rowBytes / 2;
+        ycbcr->chroma_step = 1;
+    } else {
+        const bool crFirst = format == HAL_PIXEL_FORMAT_YCrCb_420_SP;
+        ycbcr->cb = crFirst ? plane1 + 1 : plane1;
+        ycbcr->cr = crFirst ? plane1 : plane1 + 1;
+        ycbcr->cstride = rowBytes;
+        ycbcr->chroma_step = 2;
+    }
+    return NO_ERROR;
+}
+
 status_t GraphicBuffer::unlock() {
     std::lock_guard<std::mutex> guard(mMapLock);
     if (mMapping == nullptr) return INVALID_OPERATION;

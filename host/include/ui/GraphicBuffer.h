@@ -7,6 +7,7 @@
 #include <cutils/native_handle.h>
 #include <nativebase/nativebase.h>
 #include <stdint.h>
+#include <system/graphics.h>
 #include <ui/PixelFormat.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
@@ -56,6 +57,10 @@ public:
     // the stride) or the format is unknown. A buffer is locked at most once at a time.
     status_t lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPerPixel = nullptr,
                   int32_t* outBytesPerStride = nullptr);
+    // Maps the buffer and points ycbcr at its planes: y, cb and cr, the byte strides of luma and
+    // chroma rows, and the step between chroma samples (2 where Cb and Cr interleave). Only for
+    // 8-bit YUV formats with separate luma and chroma planes; BAD_VALUE for the others.
+    status_t lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr);
     status_t unlock();
 
 private:
