@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "EmulatedService.h"
+#include "hostgl/HostGl.h"
 
 int captureServiceMain(int argc, char** argv);
 
@@ -27,6 +28,9 @@ int main(int argc, char** argv) {
         fprintf(stderr, "the VINTF manifest declares no %s instance\n", ICapture::descriptor);
         return 1;
     }
+    // The GPU path terminates its EGL display after every conversion; keeping Mesa's driver
+    // loaded lets LeakSanitizer attribute what the driver keeps.
+    host_gl::keepDriverLoaded();
     std::string error;
     if (!capture_host::useEmulatedHardware(&error)) {
         fprintf(stderr, "%s\n", error.c_str());
