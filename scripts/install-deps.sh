@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the tests, the fuzz targets and the demo need
-# (libclang-rt-14-dev brings clang's sanitizer and libFuzzer runtimes). Idempotent: does
+# (libclang-rt-14-dev brings clang's sanitizer and libFuzzer runtimes; GStreamer's development
+# packages, its base and good plugins, its tools and X elements, FFmpeg, Xvfb and xwd serve the
+# GStreamer elements, their tests and the demo's recording). Idempotent: does
 # nothing when everything is already there. The armhf libraries of the 32-bit build are not
 # installed but unpacked by scripts/armhf-deps.sh.
 set -euo pipefail
@@ -12,6 +14,9 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev
     libyuv-dev libpng-dev python3
     crossbuild-essential-armhf qemu-user
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev check
+    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-tools gstreamer1.0-x
+    ffmpeg xvfb x11-apps
 )
 
 missing=()

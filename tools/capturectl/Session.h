@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "CaptureNames.h"
 #include "capture_emulator/FrameLayout.h"
 
 namespace capturectl {
@@ -37,11 +38,11 @@ uint32_t parseNumber(const std::string& text, const char* what);
 // "capturectl: <what> refused: BUSY (8)" on stderr, then Failure{kExitRefused}.
 [[noreturn]] void refused(const char* what, CaptureReturn code);
 
-const char* returnName(CaptureReturn code);
-// "BUSY (8)"
-std::string describe(CaptureReturn code);
+using capture_tools::describe;
+using capture_tools::formatFromName;
+using capture_tools::formatName;
+using capture_tools::returnName;
 
-// A CaptureFormat by its name ("NV12"); false when unknown.
 // A JSON object in insertion order: what --json prints.
 class Json {
 public:
@@ -57,9 +58,6 @@ public:
 private:
     std::vector<std::pair<std::string, std::string>> mFields;  // key, value as JSON
 };
-
-bool formatFromName(const std::string& name, uint32_t* captureFormat);
-std::string formatName(uint32_t captureFormat);
 
 // One memfd-backed buffer with its native handle (one descriptor), mapped.
 class Buffer {
