@@ -315,7 +315,7 @@ GstCaps* fixateCaps(GstBaseTransform* base, GstPadDirection direction, GstCaps* 
         GValue want = G_VALUE_INIT;
         g_value_init(&want, G_TYPE_STRING);
         g_value_set_static_string(&want, inFormat);
-        const bool has = v != nullptr && gst_value_can_intersect(v, &want);
+        const bool has = v != nullptr && gst_value_intersect(nullptr, v, &want);
         g_value_unset(&want);
         if (has) {
             chosen = i;
@@ -382,10 +382,17 @@ gboolean setInfo(GstVideoFilter* filter, GstCaps*, GstVideoInfo* in, GstCaps*,
     GstCaptureHalConvert* self = GST_CAPTURE_HAL_CONVERT(filter);
     ConvertState* st = self->state;
     st->active = settingsOf(self);
+    uint32_t degrees = 0;
+    if (!hardwareAngle(st->active.direction, &degrees)) {
+        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
+                          ("video-direction %s refused: the hardware turns by quarter turns only "
+                           "(identity, 90r, 180, 90l)",
+                           directionNick(st->active.direction)),
+                          (nullptr));
+        return FALSE;
+    }
     const uint32_t inW = GST_VIDEO_INFO_WIDTH(in), inH = GST_VIDEO_INFO_HEIGHT(in);
     const Crop c = st->active.crop.whole() ? Crop{0, 0, inW, inH} : st->active.crop;
-    uint32_t degrees = 0;
-    hardwareAngle(st->active.direction, &degrees);
     const std::string conversion = describeConversion(in, out, c, degrees);
     if (c.x >= inW || c.y >= inH || c.width > inW - c.x || c.height > inH - c.y) {
         GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,

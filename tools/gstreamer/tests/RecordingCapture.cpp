@@ -1,5 +1,7 @@
 #include "RecordingCapture.h"
 
+#include <stdio.h>
+
 #include <map>
 #include <set>
 
@@ -179,7 +181,9 @@ JournalCheck checkJournal(const std::vector<Call>& calls, bool allBack) {
     std::set<int32_t> open;
     std::map<int32_t, std::multiset<uint32_t>> held;  // per open instance
     for (const Call& c : calls) {
-        const std::string where = c.method + "(0x" + std::to_string(c.id) + ")";
+        char id[16];
+        snprintf(id, sizeof(id), "0x%x", static_cast<uint32_t>(c.id));
+        const std::string where = c.method + "(" + id + ")";
         if (c.fromOnNotify) check.faults.push_back(where + " called from inside onNotify");
         if (c.method == "open" && c.ret == CaptureReturn::SUCCESS) {
             ++check.opened;
@@ -211,7 +215,11 @@ JournalCheck checkJournal(const std::vector<Call>& calls, bool allBack) {
             ++check.returned;
         }
     }
-    for (int32_t id : open) check.faults.push_back("instance " + std::to_string(id) + " left open");
+    for (int32_t id : open) {
+        char text[48];
+        snprintf(text, sizeof(text), "instance 0x%x left open", static_cast<uint32_t>(id));
+        check.faults.push_back(text);
+    }
     return check;
 }
 
