@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -414,6 +415,92 @@ TEST(Capturectl, AnswersAndRefusalsNameWhatHappened) {
         EXPECT_NE(r.output.find(c.text), std::string::npos) << r.output;
     }
     unlink(control.c_str());
+}
+
+// YUV4MPEG2 as written for each YUV format: the header video tools read (size, rate, chroma
+// layout and siting, range) and every frame's planes, unpadded and in Y, Cb, Cr order, whatever
+// order the hardware interleaves them in: the white and blue bars' samples say which is which.
+TEST(CapturectlY4m, EachYuvFormatBecomesPlanarYCbCr) {
+    const struct {
+        const char* format;
+        const char* tag;
+        uint32_t chromaRows;  // of 180
+    } kFormats[] = {
+        {"NV12", "C420jpeg", 90}, {"NV21", "C420jpeg", 90}, {"NV16", "C422", 180},
+        {"NV61", "C422", 180},    {"YUYV", "C422", 180},
+    };
+    constexpr uint32_t kW = 320, kH = 180, kFrames = 3;
+    for (const auto& f : kFormats) {
+        SCOPED_TRACE(f.format);
+        const std::string path = tempPath(std::string(f.format) + ".y4m");
+        const ToolRun r = run(std::string("stream --frames 3 --size 320x180 --fps 30 --quiet ") +
+                              "--format " + f.format + " --stream-to " + path);
+        ASSERT_EQ(0, r.status) << r.output;
+        std::ifstream in(path, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+        unlink(path.c_str());
+        const std::string header = std::string("YUV4MPEG2 W320 H180 F30:1 Ip A1:1 ") + f.tag +
+                                   " XCOLORRANGE=LIMITED\n";
+        ASSERT_EQ(header, bytes.substr(0, header.size()));
+        const size_t chroma = size_t{kW / 2} * f.chromaRows;
+        const size_t frame = 6 + size_t{kW} * kH + 2 * chroma;
+        ASSERT_EQ(header.size() + kFrames * frame, bytes.size());
+        for (uint32_t k = 0; k < kFrames; ++k) {
+            const size_t at = header.size() + k * frame;
+            ASSERT_EQ("FRAME\n", bytes.substr(at, 6));
+            const auto* y = reinterpret_cast<const uint8_t*>(bytes.data() + at + 6);
+            const uint8_t* cb = y + size_t{kW} * kH;
+            const uint8_t* cr = cb + chroma;
+            const uint32_t row = barsEndRow(kH) / 2, chromaRow = row * f.chromaRows / kH;
+            // BT.601 in limited range: white (235, 128, 128), blue (41, 240, 110).
+            const struct {
+                uint32_t bar;
+                int y, cb, cr;
+            } kBars[] = {{0, 235, 128, 128}, {6, 41, 240, 110}};
+            for (const auto& b : kBars) {
+                const uint32_t x = (2 * b.bar + 1) * kW / 16;
+                EXPECT_NEAR(b.y, y[size_t{row} * kW + x], 4) << "bar " << b.bar;
+                EXPECT_NEAR(b.cb, cb[size_t{chromaRow} * (kW / 2) + x / 2], 4) << "bar " << b.bar;
+                EXPECT_NEAR(b.cr, cr[size_t{chromaRow} * (kW / 2) + x / 2], 4) << "bar " << b.bar;
+            }
+        }
+    }
+}
+
+// What ffprobe makes of it, from a file and from a pipe; RGB formats are refused before
+// anything is captured.
+TEST(CapturectlY4m, FfprobeReadsSizeRateAndFrames) {
+    const std::string path = tempPath("probe.y4m");
+    ToolRun r = run("stream --frames 24 --size 640x360 --fps 24 --quiet --stream-to " + path);
+    ASSERT_EQ(0, r.status) << r.output;
+    const std::string probe =
+        "ffprobe -v error -count_frames -show_entries "
+        "stream=width,height,r_frame_rate,nb_read_frames,pix_fmt,color_range,chroma_location "
+        "-of default=nw=1 ";
+    FILE* pipe = popen((probe + path + " 2>&1").c_str(), "r");
+    ASSERT_NE(nullptr, pipe);
+    std::string answer;
+    char chunk[512];
+    for (size_t n; (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) answer.append(chunk, n);
+    EXPECT_EQ(0, pclose(pipe));
+    unlink(path.c_str());
+    for (const char* line : {"width=640\n", "height=360\n", "r_frame_rate=24/1\n",
+                             "nb_read_frames=24\n", "pix_fmt=yuv420p\n", "color_range=tv\n",
+                             "chroma_location=center\n"}) {
+        EXPECT_NE(std::string::npos, answer.find(line)) << line << " in " << answer;
+    }
+
+    r = run("stream --frames 5 --size 320x180 --format NV16 --quiet --stream-to - --container "
+            "y4m 2>/dev/null | " +
+            probe + "- 2>&1");
+    EXPECT_EQ(0, r.status) << r.output;
+    EXPECT_NE(std::string::npos, r.output.find("nb_read_frames=5\n")) << r.output;
+    EXPECT_NE(std::string::npos, r.output.find("pix_fmt=yuv422p\n")) << r.output;
+
+    r = run("stream --frames 5 --format ARGB8888 --stream-to " + tempPath("rgb.y4m"));
+    EXPECT_EQ(2, r.status) << r.output;
+    EXPECT_NE(std::string::npos, r.output.find("YUV4MPEG2 holds YUV frames only, not ARGB8888"))
+        << r.output;
 }
 
 }  // namespace

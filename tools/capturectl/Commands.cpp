@@ -27,6 +27,7 @@
 #include "Picture.h"
 #include "Session.h"
 #include "VxCaptureHal.h"
+#include "Y4m.h"
 #include "capture_emulator/Emulator.h"
 
 namespace capturectl {
@@ -336,12 +337,21 @@ struct StreamPlan {
     bool perFrame = false;  // a line per frame on stderr
     std::string lastPng;
     std::string streamTo;  // raw frames: a file, a pattern with '#', or "-"
+    bool y4m = false;      // YUV4MPEG2 rather than raw bytes
 };
 
-// Where --stream-to puts each frame's bytes.
+// What a YUV4MPEG2 stream needs to know of the frames.
+struct Y4mFrames {
+    const PixelFormatInfo* format = nullptr;  // null: raw bytes
+    FrameLayout layout;
+    uint32_t width = 0, height = 0, fps = 0;
+};
+
+// Where --stream-to puts each frame: its raw bytes, or YUV4MPEG2 (a header per file, then each
+// frame's planes unpadded).
 class FrameSink {
 public:
-    explicit FrameSink(const std::string& pattern) : mPattern(pattern) {
+    FrameSink(const std::string& pattern, const Y4mFrames& y4m) : mPattern(pattern), mY4m(y4m) {
         if (pattern == "-") {
             mFile = stdout;
         } else if (!pattern.empty() && pattern.find('#') == std::string::npos) {
@@ -364,7 +374,19 @@ public:
             }
             out = fopen(path.c_str(), "wb");
         }
-        if (out == nullptr || fwrite(data, 1, size, out) != size) {
+        bool ok = out != nullptr;
+        if (ok && mY4m.format != nullptr) {
+            if (out != mFile || !mHeaderWritten) {
+                const std::string header =
+                    y4mHeader(*mY4m.format, mY4m.width, mY4m.height, mY4m.fps);
+                ok = fwrite(header.data(), 1, header.size(), out) == header.size();
+                mHeaderWritten |= out == mFile;
+            }
+            y4mFrame(*mY4m.format, mY4m.layout, data, mY4m.width, mY4m.height, &mPlanes);
+            data = mPlanes.data();
+            size = mPlanes.size();
+        }
+        if (!ok || fwrite(data, 1, size, out) != size) {
             fprintf(stderr, "capturectl: cannot write frame %llu%s%s\n",
                     static_cast<unsigned long long>(number), path.empty() ? "" : " to ",
                     path.c_str());
@@ -375,7 +397,10 @@ public:
 
 private:
     std::string mPattern;
+    Y4mFrames mY4m;
     FILE* mFile = nullptr;
+    bool mHeaderWritten = false;
+    std::vector<uint8_t> mPlanes;
 };
 
 struct StreamResult {
@@ -390,7 +415,9 @@ struct StreamResult {
 
 StreamResult runStream(const sp<ICapture>& svc, int32_t id, const Setup& s, const StreamPlan& plan,
                        const Buffer& buffer, const PixelFormatInfo& f, const FrameLayout& layout) {
-    FrameSink sink(plan.streamTo);
+    Y4mFrames y4m;
+    if (plan.y4m) y4m = Y4mFrames{&f, layout, s.dstW, s.dstH, s.dstFps};
+    FrameSink sink(plan.streamTo, y4m);
     sp<StreamClient> client = new StreamClient();
     CaptureReturn ret = svc->startCapture(id, client);
     if (ret != CaptureReturn::SUCCESS) refused("startCapture", ret);
@@ -915,6 +942,16 @@ int cmdStream(const Options& o) {
     plan.lastPng = outputPath(o, "last", "");
     plan.perFrame = o.verbose;
     plan.streamTo = o.get("stream-to", "");
+    const std::string container = o.get("container", "");
+    if (!container.empty() && container != "raw" && container != "y4m") {
+        usageError("unknown container '%s' (raw or y4m)", container);
+    }
+    const bool y4mName = plan.streamTo.size() > 4 &&
+                         plan.streamTo.compare(plan.streamTo.size() - 4, 4, ".y4m") == 0;
+    plan.y4m = container == "y4m" || (container.empty() && y4mName);
+    if (plan.y4m && y4mChromaTag(f).empty()) {
+        usageError("YUV4MPEG2 holds YUV frames only, not %s (NV12 NV21 NV16 NV61 YUYV)", f.name);
+    }
     if (plan.streamTo.find('#') != std::string::npos) {
         std::string first = plan.streamTo;
         first.replace(first.find('#'), 1, "1");
@@ -1327,10 +1364,14 @@ const std::vector<Command>& commands() {
              "  --stream-to PAT    write every frame's raw bytes: PAT with '#' is one file per\n"
              "                     frame ('#' becomes the frame number), without it one file\n"
              "                     of all frames; '-' is standard output (text goes to stderr)\n"
+             "  --container C      raw (default) or y4m: YUV4MPEG2, which video tools read as\n"
+             "                     it is (NV12, NV21, NV16, NV61, YUYV); a PAT ending in .y4m\n"
+             "                     writes it too\n"
              "  --json             the summary as one JSON object\n"
              "  --quiet            no progress line\n"
              "With -v, a line per frame: its number, buffer index and arrival time.\n",
-         with({"frames", "seconds", "buffers", "hold-ms", "last", "instances", "stream-to"}),
+         with({"frames", "seconds", "buffers", "hold-ms", "last", "instances", "stream-to",
+               "container"}),
          {"quiet", "json"},
          [](const Options& o) { return guardedRun(cmdStream, o); }},
         {"dump",
