@@ -132,10 +132,10 @@ GstCaps* templateCaps() {
     }
     GstCaps* caps = gst_caps_new_empty();
     for (const std::vector<GstVideoFormat>* kind : {&yuv, &rgb}) {
-        GstStructure* s = gst_structure_new("video/x-raw", "width", GST_TYPE_INT_RANGE, 1,
-                                            kMaxDimension, "height", GST_TYPE_INT_RANGE, 1,
-                                            kMaxDimension, "framerate", GST_TYPE_FRACTION_RANGE, 0,
-                                            1, G_MAXINT, 1, nullptr);
+        GstStructure* s =
+            gst_structure_new("video/x-raw", "width", GST_TYPE_INT_RANGE, 1, kMaxDimension,
+                              "height", GST_TYPE_INT_RANGE, 1, kMaxDimension, "framerate",
+                              GST_TYPE_FRACTION_RANGE, 0, 1, G_MAXINT, 1, nullptr);
         setFormatList(s, kind->data(), kind->size());
         setHardwareColours(s, kind->front());
         gst_caps_append_structure(caps, s);
@@ -367,18 +367,17 @@ bool askEngine(GstCaptureHalConvert* self, const std::string& conversion) {
         return false;
     }
     if ((answer.useGpu != 0) != gpu) {
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
-                          ("the service would convert %s on %s, not on %s", conversion.c_str(),
-                           answer.useGpu != 0 ? "the GPU path" : "the DIP",
-                           engineName(st->active.engine)),
-                          (nullptr));
+        GST_ELEMENT_ERROR(
+            self, CORE, NEGOTIATION,
+            ("the service would convert %s on %s, not on %s", conversion.c_str(),
+             answer.useGpu != 0 ? "the GPU path" : "the DIP", engineName(st->active.engine)),
+            (nullptr));
         return false;
     }
     return true;
 }
 
-gboolean setInfo(GstVideoFilter* filter, GstCaps*, GstVideoInfo* in, GstCaps*,
-                 GstVideoInfo* out) {
+gboolean setInfo(GstVideoFilter* filter, GstCaps*, GstVideoInfo* in, GstCaps*, GstVideoInfo* out) {
     GstCaptureHalConvert* self = GST_CAPTURE_HAL_CONVERT(filter);
     ConvertState* st = self->state;
     st->active = settingsOf(self);

@@ -73,15 +73,25 @@ struct FrameLayout {
 
 // Held by every buffer handed downstream: the frame goes back to the hardware when its memory is
 // freed, and the ring stays mapped until then.
+// A buffer reaches the thread that frees it through GStreamer's own queues and reference counts,
+// which ThreadSanitizer cannot see into (Debian's GLib is not built with it): the lease is
+// published with a release store and taken with an acquire load, an order it can see.
 struct Lease {
+    Lease(std::shared_ptr<Instance> i, std::shared_ptr<HalMemory> r, uint32_t n)
+        : instance(std::move(i)), ring(std::move(r)), index(n) {
+        published.store(true, std::memory_order_release);
+    }
     std::shared_ptr<Instance> instance;
     std::shared_ptr<HalMemory> ring;
     uint32_t index;
+    std::atomic<bool> published{false};
 };
 
 void releaseLease(gpointer data) {
     Lease* lease = static_cast<Lease*>(data);
-    lease->instance->giveBack(lease->index, true);
+    if (lease->published.load(std::memory_order_acquire)) {
+        lease->instance->giveBack(lease->index, true);
+    }
     delete lease;
 }
 
@@ -92,18 +102,23 @@ struct SrcState {
     std::mutex settingsLock;
     Settings settings;  // under settingsLock
 
+    // The streaming thread's state against start and stop. GStreamer never runs them at once
+    // (stop waits for the streaming thread), but orders them by means ThreadSanitizer cannot see
+    // (Debian's GLib is not built with it); an uncontended lock it can see.
+    std::mutex streamLock;
     sp<ICapture> service;
     std::shared_ptr<Instance> instance;
     std::shared_ptr<ArrivalQueue> queue;
+    std::atomic<ArrivalQueue*> queueForUnlock{nullptr};
     sp<QueueingCallback> callback;
     std::shared_ptr<HalMemory> ring;
     Settings active;  // what the stream was configured with
     std::atomic<bool> streaming{false};
     GstVideoInfo info;
-    GstClockTime period = GST_CLOCK_TIME_NONE;
+    std::atomic<GstClockTime> period{GST_CLOCK_TIME_NONE};
     std::atomic<bool> downstreamTakesMeta{false};
     int64_t lastArrivalNs = -1;
-    std::string capsRefusal;  // why get_caps found no format, for the negotiation error
+    std::string capsRefusal;  // why get_caps found no format (under settingsLock)
 
     std::atomic<uint64_t> frames{0}, dropped{0}, copies{0}, errors{0};
 };
@@ -156,10 +171,10 @@ GstCaps* templateCaps() {
     }
     GstCaps* caps = gst_caps_new_empty();
     for (const std::vector<GstVideoFormat>* kind : {&yuv, &rgb}) {
-        GstStructure* s = gst_structure_new("video/x-raw", "width", GST_TYPE_INT_RANGE, 1,
-                                            kMaxDimension, "height", GST_TYPE_INT_RANGE, 1,
-                                            kMaxDimension, "framerate", GST_TYPE_FRACTION_RANGE, 1,
-                                            1, G_MAXINT, 1, nullptr);
+        GstStructure* s =
+            gst_structure_new("video/x-raw", "width", GST_TYPE_INT_RANGE, 1, kMaxDimension,
+                              "height", GST_TYPE_INT_RANGE, 1, kMaxDimension, "framerate",
+                              GST_TYPE_FRACTION_RANGE, 1, 1, G_MAXINT, 1, nullptr);
         setFormatList(s, kind->data(), kind->size());
         setHardwareColours(s, kind->front());
         gst_caps_append_structure(caps, s);
@@ -199,10 +214,9 @@ std::string formatText(const GstVideoInfo& info) {
 GstStructure* statsOf(SrcState* st) {
     const std::shared_ptr<Instance> instance = std::atomic_load(&st->instance);
     return gst_structure_new("capturehal-stats", "frames", G_TYPE_UINT64, st->frames.load(),
-                             "dropped", G_TYPE_UINT64, st->dropped.load(), "copies",
-                             G_TYPE_UINT64, st->copies.load(), "errors", G_TYPE_UINT64,
-                             st->errors.load(), "held", G_TYPE_UINT,
-                             instance != nullptr ? instance->held() : 0u, nullptr);
+                             "dropped", G_TYPE_UINT64, st->dropped.load(), "copies", G_TYPE_UINT64,
+                             st->copies.load(), "errors", G_TYPE_UINT64, st->errors.load(), "held",
+                             G_TYPE_UINT, instance != nullptr ? instance->held() : 0u, nullptr);
 }
 
 void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* pspec) {
@@ -298,6 +312,7 @@ gboolean start(GstBaseSrc* base) {
                           (nullptr));
         return FALSE;
     }
+    std::lock_guard<std::mutex> guard(st->streamLock);
     std::string error;
     st->service = getCaptureService(&error);
     if (st->service == nullptr) {
@@ -314,6 +329,7 @@ gboolean start(GstBaseSrc* base) {
         return FALSE;
     }
     st->queue = std::make_shared<ArrivalQueue>();
+    st->queueForUnlock = st->queue.get();
     st->callback = new QueueingCallback(st->queue);
     st->frames = st->dropped = st->copies = st->errors = 0;
     st->lastArrivalNs = -1;
@@ -325,10 +341,12 @@ gboolean start(GstBaseSrc* base) {
 gboolean stop(GstBaseSrc* base) {
     GstCaptureHalSrc* self = GST_CAPTURE_HAL_SRC(base);
     SrcState* st = self->state;
+    std::lock_guard<std::mutex> guard(st->streamLock);
     if (st->instance == nullptr) return TRUE;
     if (st->streaming) {
         Return<CaptureReturn> ret = st->service->stopCapture(st->instance->id());
-        const CaptureReturn code = ret.isOk() ? static_cast<CaptureReturn>(ret) : CaptureReturn::FAIL;
+        const CaptureReturn code =
+            ret.isOk() ? static_cast<CaptureReturn>(ret) : CaptureReturn::FAIL;
         if (code != CaptureReturn::SUCCESS) {
             GST_ELEMENT_WARNING(self, RESOURCE, CLOSE, ("%s", refusal("stopCapture", code).c_str()),
                                 (nullptr));
@@ -351,6 +369,7 @@ gboolean stop(GstBaseSrc* base) {
     std::atomic_store(&st->instance, std::shared_ptr<Instance>());
     st->ring = nullptr;
     st->callback = nullptr;
+    st->queueForUnlock = nullptr;
     st->queue = nullptr;
     st->service = nullptr;
     st->period = GST_CLOCK_TIME_NONE;
@@ -392,9 +411,9 @@ GstCaps* getCaps(GstBaseSrc* base, GstCaps* filter) {
             setHardwareColours(structure, f);
             gst_caps_append_structure(caps, structure);
         }
-        st->capsRefusal = gst_caps_is_empty(caps) ? "the capability query refused every format (" +
-                                                         refused + ")"
-                                                   : "";
+        st->capsRefusal = gst_caps_is_empty(caps)
+                              ? "the capability query refused every format (" + refused + ")"
+                              : "";
     }
     if (caps == nullptr) caps = gst_pad_get_pad_template_caps(GST_BASE_SRC_PAD(base));
     if (filter != nullptr) {
@@ -408,9 +427,13 @@ GstCaps* getCaps(GstBaseSrc* base, GstCaps* filter) {
 gboolean negotiate(GstBaseSrc* base) {
     GstCaptureHalSrc* self = GST_CAPTURE_HAL_SRC(base);
     if (GST_BASE_SRC_CLASS(gst_capture_hal_src_parent_class)->negotiate(base)) return TRUE;
-    if (!self->state->capsRefusal.empty()) {
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("%s", self->state->capsRefusal.c_str()),
-                          (nullptr));
+    std::string refusal;
+    {
+        std::lock_guard<std::mutex> guard(self->state->settingsLock);
+        refusal = self->state->capsRefusal;
+    }
+    if (!refusal.empty()) {
+        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("%s", refusal.c_str()), (nullptr));
     }
     return FALSE;
 }
@@ -461,9 +484,8 @@ bool startStream(GstCaptureHalSrc* self, const GstVideoInfo& info) {
 
     // Ring frames as the hardware lays them out: rows of whole alignment units (the query's
     // answer, when it gives one), frames on pages. The frames' reports say where each really is.
-    const uint32_t align = answer.dstWidthAlignValid != 0 && answer.dstWidthAlign != 0
-                               ? answer.dstWidthAlign
-                               : 1;
+    const uint32_t align =
+        answer.dstWidthAlignValid != 0 && answer.dstWidthAlign != 0 ? answer.dstWidthAlign : 1;
     const uint32_t pitch = rowBytes(format, 0, (width + align - 1) / align * align);
     size_t frameBytes = 0;
     for (guint p = 0; p < GST_VIDEO_INFO_N_PLANES(&info); ++p) {
@@ -472,8 +494,8 @@ bool startStream(GstCaptureHalSrc* self, const GstVideoInfo& info) {
     frameBytes = (frameBytes + kFrameAlign - 1) / kFrameAlign * kFrameAlign;
     st->ring = HalMemory::create(frameBytes * s.buffers);
     if (st->ring == nullptr) {
-        GST_ELEMENT_ERROR(self, RESOURCE, NO_SPACE_LEFT, ("cannot allocate %zu bytes of frames",
-                                                          frameBytes * s.buffers),
+        GST_ELEMENT_ERROR(self, RESOURCE, NO_SPACE_LEFT,
+                          ("cannot allocate %zu bytes of frames", frameBytes * s.buffers),
                           (nullptr));
         return false;
     }
@@ -501,8 +523,8 @@ bool startStream(GstCaptureHalSrc* self, const GstVideoInfo& info) {
     ci.bandwidth = BandwidthCfg::NORMAL;
     const int32_t id = st->instance->id();
     Return<CaptureReturn> configured = st->service->setCaptureInfo(id, ci);
-    CaptureReturn ret = configured.isOk() ? static_cast<CaptureReturn>(configured)
-                                          : CaptureReturn::FAIL;
+    CaptureReturn ret =
+        configured.isOk() ? static_cast<CaptureReturn>(configured) : CaptureReturn::FAIL;
     if (ret != CaptureReturn::SUCCESS) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("%s", refusal("setCaptureInfo", ret).c_str()),
                           (nullptr));
@@ -561,6 +583,7 @@ gboolean setCaps(GstBaseSrc* base, GstCaps* caps) {
     SrcState* st = self->state;
     GstVideoInfo info;
     if (!gst_video_info_from_caps(&info, caps)) return FALSE;
+    std::lock_guard<std::mutex> guard(st->streamLock);
     if (st->streaming) {
         if (gst_video_info_is_equal(&info, &st->info)) return TRUE;
         GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
@@ -591,15 +614,17 @@ gboolean query(GstBaseSrc* base, GstQuery* q) {
     return GST_BASE_SRC_CLASS(gst_capture_hal_src_parent_class)->query(base, q);
 }
 
+// Called while create() may be waiting (and holding the stream lock): the queue is the one
+// thing it touches, through a pointer that lives from start to stop.
 gboolean unlock(GstBaseSrc* base) {
     SrcState* st = GST_CAPTURE_HAL_SRC(base)->state;
-    if (st->queue != nullptr) st->queue->setFlushing(true);
+    if (ArrivalQueue* queue = st->queueForUnlock.load()) queue->setFlushing(true);
     return TRUE;
 }
 
 gboolean unlockStop(GstBaseSrc* base) {
     SrcState* st = GST_CAPTURE_HAL_SRC(base)->state;
-    if (st->queue != nullptr) st->queue->setFlushing(false);
+    if (ArrivalQueue* queue = st->queueForUnlock.load()) queue->setFlushing(false);
     return TRUE;
 }
 
@@ -635,19 +660,18 @@ bool layoutIsGStreamers(const GstVideoInfo& info, const FrameLayout& layout) {
 // The frame in the hardware's memory, with its layout as video meta.
 GstBuffer* wrapFrame(SrcState* st, const Arrival& a, const FrameLayout& layout) {
     st->instance->lease();
-    Lease* lease = new Lease{st->instance, st->ring, a.params.index};
+    Lease* lease = new Lease(st->instance, st->ring, a.params.index);
     GstBuffer* buffer = gst_buffer_new();
     gst_buffer_append_memory(
-        buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, st->ring->data(),
-                                       st->ring->size(), a.params.yOffset, layout.size, lease,
-                                       releaseLease));
+        buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, st->ring->data(), st->ring->size(),
+                                       a.params.yOffset, layout.size, lease, releaseLease));
     gsize offsets[GST_VIDEO_MAX_PLANES] = {0, layout.chromaOffset};
     gint strides[GST_VIDEO_MAX_PLANES] = {static_cast<gint>(layout.pitch),
                                           static_cast<gint>(layout.pitch)};
-    gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE,
-                                   GST_VIDEO_INFO_FORMAT(&st->info), GST_VIDEO_INFO_WIDTH(&st->info),
-                                   GST_VIDEO_INFO_HEIGHT(&st->info),
-                                   GST_VIDEO_INFO_N_PLANES(&st->info), offsets, strides);
+    gst_buffer_add_video_meta_full(
+        buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&st->info),
+        GST_VIDEO_INFO_WIDTH(&st->info), GST_VIDEO_INFO_HEIGHT(&st->info),
+        GST_VIDEO_INFO_N_PLANES(&st->info), offsets, strides);
     return buffer;
 }
 
@@ -684,6 +708,7 @@ void postQos(GstCaptureHalSrc* self, GstClockTime runningTime, GstClockTime pts,
 GstFlowReturn create(GstPushSrc* push, GstBuffer** out) {
     GstCaptureHalSrc* self = GST_CAPTURE_HAL_SRC(push);
     SrcState* st = self->state;
+    std::lock_guard<std::mutex> guard(st->streamLock);
     if (!st->streaming || st->queue == nullptr) return GST_FLOW_NOT_NEGOTIATED;
     for (;;) {
         Arrival a{};
@@ -774,8 +799,8 @@ static void gst_capture_hal_src_class_init(GstCaptureHalSrcClass* klass) {
     object->get_property = getProperty;
     object->finalize = finalize;
 
-    const auto rw =
-        static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
+    const auto rw = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
+                                             GST_PARAM_MUTABLE_READY);
     g_object_class_install_property(
         object, PROP_CAPTURE_POINT,
         g_param_spec_enum("capture-point", "Capture point",
@@ -794,8 +819,8 @@ static void gst_capture_hal_src_class_init(GstCaptureHalSrcClass* klass) {
                           1, kMaxRingFrames, 4, rw));
     g_object_class_install_property(
         object, PROP_SOURCE_WIDTH,
-        g_param_spec_uint("source-width", "Source width",
-                          "Width of the video at the capture point", 1, kMaxDimension, 1920, rw));
+        g_param_spec_uint("source-width", "Source width", "Width of the video at the capture point",
+                          1, kMaxDimension, 1920, rw));
     g_object_class_install_property(
         object, PROP_SOURCE_HEIGHT,
         g_param_spec_uint("source-height", "Source height",

@@ -65,7 +65,8 @@ bool hardwareAngle(GstVideoOrientationMethod method, uint32_t* degrees) {
 }
 
 const char* directionNick(GstVideoOrientationMethod method) {
-    GEnumClass* klass = static_cast<GEnumClass*>(g_type_class_ref(GST_TYPE_VIDEO_ORIENTATION_METHOD));
+    GEnumClass* klass =
+        static_cast<GEnumClass*>(g_type_class_ref(GST_TYPE_VIDEO_ORIENTATION_METHOD));
     const GEnumValue* v = g_enum_get_value(klass, method);
     const char* nick = v != nullptr ? v->value_nick : "?";
     g_type_class_unref(klass);

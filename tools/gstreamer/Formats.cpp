@@ -12,31 +12,31 @@ constexpr int32_t kGraphicsNv12 = 21;
 constexpr int32_t kGraphicsYuv420Packed10 = 54;
 
 constexpr FormatEntry kFormats[] = {
-    {0x1, GST_VIDEO_FORMAT_YUY2, HAL_PIXEL_FORMAT_YCbCr_422_I},     // YUYV
-    {0x2, GST_VIDEO_FORMAT_UNKNOWN, 0},                              // YUYV_10B
-    {0x4, GST_VIDEO_FORMAT_RGBA, HAL_PIXEL_FORMAT_RGBA_8888},        // ARGB8888
-    {0x8, GST_VIDEO_FORMAT_BGRA, HAL_PIXEL_FORMAT_BGRA_8888},        // ABGR8888
-    {0x10, GST_VIDEO_FORMAT_UNKNOWN, 0},                             // RGBA8888
-    {0x20, GST_VIDEO_FORMAT_UNKNOWN, 0},                             // BGRA8888
-    {0x40, GST_VIDEO_FORMAT_BGR10A2_LE, 0},                          // ARGB2101010
-    {0x80, GST_VIDEO_FORMAT_RGB16, HAL_PIXEL_FORMAT_RGB_565},        // RGB565
-    {0x100, GST_VIDEO_FORMAT_RGB, HAL_PIXEL_FORMAT_RGB_888},         // BGR888
-    {0x200, GST_VIDEO_FORMAT_NV16, HAL_PIXEL_FORMAT_YCbCr_422_SP},   // NV16
-    {0x400, GST_VIDEO_FORMAT_NV61, 0},                               // NV61
-    {0x800, GST_VIDEO_FORMAT_NV12, kGraphicsNv12},                   // NV12
-    {0x1000, GST_VIDEO_FORMAT_NV21, HAL_PIXEL_FORMAT_YCrCb_420_SP},  // NV21
-    {0x2000, GST_VIDEO_FORMAT_NV12_10LE40, kGraphicsYuv420Packed10},  // RZ21S10L
-    {0x4000, GST_VIDEO_FORMAT_NV12_16L32S, 0},                       // RZ21S
-    {0x8000, GST_VIDEO_FORMAT_UNKNOWN, 0},                           // RZ21S10T
-    {0x10000, GST_VIDEO_FORMAT_UNKNOWN, 0},                          // RZ21S10R
-    {0x20000, GST_VIDEO_FORMAT_UNKNOWN, 0},                          // COMPRESS
-    {0x40000, GST_VIDEO_FORMAT_UNKNOWN, 0},                          // VSD8X2
-    {0x80000, GST_VIDEO_FORMAT_UNKNOWN, 0},                          // VSD8X4
-    {0x100000, GST_VIDEO_FORMAT_UNKNOWN, 0},                         // ARGB16161616
-    {0x200000, GST_VIDEO_FORMAT_YV12, HAL_PIXEL_FORMAT_YV12},        // YV12
+    {0x1, GST_VIDEO_FORMAT_YUY2, HAL_PIXEL_FORMAT_YCbCr_422_I},              // YUYV
+    {0x2, GST_VIDEO_FORMAT_UNKNOWN, 0},                                      // YUYV_10B
+    {0x4, GST_VIDEO_FORMAT_RGBA, HAL_PIXEL_FORMAT_RGBA_8888},                // ARGB8888
+    {0x8, GST_VIDEO_FORMAT_BGRA, HAL_PIXEL_FORMAT_BGRA_8888},                // ABGR8888
+    {0x10, GST_VIDEO_FORMAT_UNKNOWN, 0},                                     // RGBA8888
+    {0x20, GST_VIDEO_FORMAT_UNKNOWN, 0},                                     // BGRA8888
+    {0x40, GST_VIDEO_FORMAT_BGR10A2_LE, 0},                                  // ARGB2101010
+    {0x80, GST_VIDEO_FORMAT_RGB16, HAL_PIXEL_FORMAT_RGB_565},                // RGB565
+    {0x100, GST_VIDEO_FORMAT_RGB, HAL_PIXEL_FORMAT_RGB_888},                 // BGR888
+    {0x200, GST_VIDEO_FORMAT_NV16, HAL_PIXEL_FORMAT_YCbCr_422_SP},           // NV16
+    {0x400, GST_VIDEO_FORMAT_NV61, 0},                                       // NV61
+    {0x800, GST_VIDEO_FORMAT_NV12, kGraphicsNv12},                           // NV12
+    {0x1000, GST_VIDEO_FORMAT_NV21, HAL_PIXEL_FORMAT_YCrCb_420_SP},          // NV21
+    {0x2000, GST_VIDEO_FORMAT_NV12_10LE40, kGraphicsYuv420Packed10},         // RZ21S10L
+    {0x4000, GST_VIDEO_FORMAT_NV12_16L32S, 0},                               // RZ21S
+    {0x8000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                   // RZ21S10T
+    {0x10000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                  // RZ21S10R
+    {0x20000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                  // COMPRESS
+    {0x40000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                  // VSD8X2
+    {0x80000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                  // VSD8X4
+    {0x100000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                 // ARGB16161616
+    {0x200000, GST_VIDEO_FORMAT_YV12, HAL_PIXEL_FORMAT_YV12},                // YV12
     {0x400000, GST_VIDEO_FORMAT_RGB10A2_LE, HAL_PIXEL_FORMAT_RGBA_1010102},  // ABGR2101010
-    {0x800000, GST_VIDEO_FORMAT_UNKNOWN, 0},                         // VSD8X2_B
-    {0x1000000, GST_VIDEO_FORMAT_UNKNOWN, 0},                        // VSD8X4_B
+    {0x800000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                 // VSD8X2_B
+    {0x1000000, GST_VIDEO_FORMAT_UNKNOWN, 0},                                // VSD8X4_B
 };
 
 }  // namespace

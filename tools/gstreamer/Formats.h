@@ -25,9 +25,9 @@
 namespace capturehal {
 
 struct FormatEntry {
-    uint32_t captureFormat;     // CaptureFormat bit
-    GstVideoFormat gstFormat;   // GST_VIDEO_FORMAT_UNKNOWN: none
-    int32_t graphicsFormat;     // HAL pixel format of a graphics buffer laid out alike; 0: none
+    uint32_t captureFormat;    // CaptureFormat bit
+    GstVideoFormat gstFormat;  // GST_VIDEO_FORMAT_UNKNOWN: none
+    int32_t graphicsFormat;    // HAL pixel format of a graphics buffer laid out alike; 0: none
 };
 
 // Every CaptureFormat, in bit order.

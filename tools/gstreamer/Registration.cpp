@@ -32,7 +32,8 @@ GType capturePointType() {
             ++i;
         }
         values.push_back(GEnumValue{0, nullptr, nullptr});
-        g_once_init_leave(&type, g_enum_register_static("GstCaptureHalCapturePoint", values.data()));
+        const GType registered = g_enum_register_static("GstCaptureHalCapturePoint", values.data());
+        g_once_init_leave(&type, registered);
     }
     return type;
 }
@@ -51,8 +52,7 @@ GType engineType() {
 }
 
 gboolean registerElements(GstPlugin* plugin) {
-    return gst_element_register(plugin, "capturehalsrc", GST_RANK_NONE,
-                                GST_TYPE_CAPTURE_HAL_SRC) &&
+    return gst_element_register(plugin, "capturehalsrc", GST_RANK_NONE, GST_TYPE_CAPTURE_HAL_SRC) &&
            gst_element_register(plugin, "capturehalconvert", GST_RANK_NONE,
                                 GST_TYPE_CAPTURE_HAL_CONVERT);
 }

@@ -93,9 +93,9 @@ TEST_F(CaptureHalConvertTest, CropAndQuarterTurnOnEachEngine) {
         for (const char* format : {"RGBA", "NV12"}) {
             SCOPED_TRACE(std::string(engine) + " to " + format);
             const size_t before = service.journal().calls().size();
-            Converter c({{"engine", engine}, {"crop", "<320,0,320,180>"},
-                         {"video-direction", "90r"}},
-                        std::string("video/x-raw,format=") + format);
+            Converter c(
+                {{"engine", engine}, {"crop", "<320,0,320,180>"}, {"video-direction", "90r"}},
+                std::string("video/x-raw,format=") + format);
             std::string error;
             GstBuffer* out = c.convert(&error);
             ASSERT_NE(nullptr, out) << error;
@@ -141,13 +141,17 @@ TEST_F(CaptureHalConvertTest, RefusedConversionsNameTheReason) {
         const char* caps;
         const char* message;
     } kCases[] = {
-        {"a crop outside the input", {{"crop", "<600,0,100,100>"}}, "",
+        {"a crop outside the input",
+         {{"crop", "<600,0,100,100>"}},
+         "",
          "crop 600,0 100x100 is not inside the 640x360 input"},
         {"a flip", {{"video-direction", "vert"}}, "", "video-direction vert refused"},
-        {"a format the DIP does not write", {{"engine", "dip"}},
+        {"a format the DIP does not write",
+         {{"engine", "dip"}},
          "video/x-raw,format=NV12_10LE40,width=640,height=360",
          "the service would convert 640x360 RGBA -> 640x360 NV12_10LE40"},
-        {"too small for the DIP", {{"engine", "dip"}},
+        {"too small for the DIP",
+         {{"engine", "dip"}},
          "video/x-raw,format=RGBA,width=32,height=32",
          "-> 32x32 RGBA (crop 0,0 640x360, turned 0) on the GPU path, not on the DIP"},
     };

@@ -111,13 +111,13 @@ protected:
 TEST_F(CaptureHalSrcTest, EachFormatNegotiatesWithTheHardwaresLayoutAndShowsTheBars) {
     const struct {
         const char* format;
-        uint32_t bytesPerPixel;  // of the first plane
+        uint32_t bytesPerPixel;      // of the first plane
         uint32_t chromaRowsDivisor;  // 0: one plane
         bool yuv;
     } kFormats[] = {
-        {"NV12", 1, 2, true},   {"NV21", 1, 2, true},         {"NV16", 1, 1, true},
-        {"NV61", 1, 1, true},   {"YUY2", 2, 0, true},         {"RGBA", 4, 0, false},
-        {"BGRA", 4, 0, false},  {"RGB", 3, 0, false},         {"RGB16", 2, 0, false},
+        {"NV12", 1, 2, true},        {"NV21", 1, 2, true},        {"NV16", 1, 1, true},
+        {"NV61", 1, 1, true},        {"YUY2", 2, 0, true},        {"RGBA", 4, 0, false},
+        {"BGRA", 4, 0, false},       {"RGB", 3, 0, false},        {"RGB16", 2, 0, false},
         {"BGR10A2_LE", 4, 0, false}, {"RGB10A2_LE", 4, 0, false},
     };
     constexpr uint32_t kW = 264, kH = 150;
@@ -174,15 +174,25 @@ TEST_F(CaptureHalSrcTest, RefusalsFailNegotiationNamingTheReason) {
         const char* caps;
         const char* message;
     } kCases[] = {
-        {"too small for the DIP", {}, "video/x-raw,format=NV12,width=32,height=32",
+        {"too small for the DIP",
+         {},
+         "video/x-raw,format=NV12,width=32,height=32",
          "the capture hardware refuses 32x32 NV12 at 60 fps: DIP_NOT_SUPPORT (30)"},
-        {"a crop outside the source", {{"crop", "<1800,0,400,400>"}}, "",
+        {"a crop outside the source",
+         {{"crop", "<1800,0,400,400>"}},
+         "",
          "setCaptureInfo refused: INVALID_CROP (14)"},
-        {"a rate that is not whole frames", {}, "video/x-raw,framerate=30000/1001",
+        {"a rate that is not whole frames",
+         {},
+         "video/x-raw,framerate=30000/1001",
          "at 30000/1001 fps refused: the hardware streams whole frames a second"},
-        {"a flip", {{"video-direction", "horiz"}}, "",
+        {"a flip",
+         {{"video-direction", "horiz"}},
+         "",
          "video-direction horiz refused: the hardware turns by quarter turns only"},
-        {"a direction left to the element", {{"video-direction", "auto"}}, "",
+        {"a direction left to the element",
+         {{"video-direction", "auto"}},
+         "",
          "video-direction auto refused"},
     };
     for (const auto& c : kCases) {
@@ -342,7 +352,8 @@ TEST_F(CaptureHalSrcTest, OnNotifyOnlyQueues) {
 TEST_F(CaptureHalSrcTest, BuffersGoBackBeforeCloseAndHeldOnesOutliveIt) {
     const size_t descriptorsBefore = openDescriptors();
     {
-        Source src({}, "video/x-raw,format=RGBA,width=320,height=180");
+        // The stream ends after these six: none waits in the harness when the element stops.
+        Source src({{"num-buffers", "6"}}, "video/x-raw,format=RGBA,width=320,height=180");
         gst_harness_play(src.h);
         for (int i = 0; i < 6; ++i) gst_buffer_unref(src.pull());
         gst_element_set_state(src.h->element, GST_STATE_NULL);
@@ -409,22 +420,19 @@ TEST_F(CaptureHalSrcTest, VideoDirectionAndCropPlaceTheBars) {
         uint32_t degrees;
         uint32_t cropX, cropY, cropW, cropH;
     } kCases[] = {
-        {"identity", 0, 0, 0, 1920, 1080},
-        {"90r", 90, 0, 0, 1920, 1080},
-        {"180", 180, 0, 0, 1920, 1080},
-        {"90l", 270, 0, 0, 1920, 1080},
+        {"identity", 0, 0, 0, 1920, 1080}, {"90r", 90, 0, 0, 1920, 1080},
+        {"180", 180, 0, 0, 1920, 1080},    {"90l", 270, 0, 0, 1920, 1080},
         {"90r", 90, 960, 0, 960, 540},
     };
     for (const auto& c : kCases) {
-        const std::string crop = "<" + std::to_string(c.cropX) + "," + std::to_string(c.cropY) +
-                                 "," + std::to_string(c.cropW) + "," + std::to_string(c.cropH) +
-                                 ">";
+        char crop[64];
+        snprintf(crop, sizeof(crop), "<%u,%u,%u,%u>", c.cropX, c.cropY, c.cropW, c.cropH);
         SCOPED_TRACE(std::string(c.direction) + " " + crop);
         const bool turned = c.degrees % 180 != 0;
         const uint32_t w = turned ? 270 : 480, h = turned ? 480 : 270;
-        Source src({{"video-direction", c.direction}, {"crop", crop}},
-                   "video/x-raw,format=RGBA,width=" + std::to_string(w) +
-                       ",height=" + std::to_string(h));
+        Source src(
+            {{"video-direction", c.direction}, {"crop", crop}},
+            "video/x-raw,format=RGBA,width=" + std::to_string(w) + ",height=" + std::to_string(h));
         gst_harness_play(src.h);
         GstBuffer* b = src.pull();
         ASSERT_NE(nullptr, b) << src.waitError(0);
@@ -447,9 +455,9 @@ TEST_F(CaptureHalSrcTest, VideoDirectionAndCropPlaceTheBars) {
 
 // The capture point is the interface's, by its interface name.
 TEST_F(CaptureHalSrcTest, CapturePointReachesTheHardwareByItsInterfaceName) {
-    for (const auto& [name, point] : {std::pair<const char*, CapturePoint>{"VIDEO_INPUT",
-                                                                          CapturePoint::VIDEO_INPUT},
-                                      {"DISPLAY", CapturePoint::DISPLAY}}) {
+    for (const auto& [name, point] :
+         {std::pair<const char*, CapturePoint>{"VIDEO_INPUT", CapturePoint::VIDEO_INPUT},
+          {"DISPLAY", CapturePoint::DISPLAY}}) {
         SCOPED_TRACE(name);
         Source src({{"capture-point", name}, {"num-buffers", "1"}},
                    "video/x-raw,width=320,height=180");
@@ -472,7 +480,9 @@ TEST(CaptureHalSrcStress, NullToPlayingToNullAHundredTimes) {
     JournaledService service;
     const size_t descriptors = openDescriptors();
     {
-        Source src({{"buffers", "3"}}, "video/x-raw,format=NV12,width=320,height=180");
+        // Two frames a run, both pulled: none waits in the harness when the element stops.
+        Source src({{"buffers", "3"}, {"num-buffers", "2"}},
+                   "video/x-raw,format=NV12,width=320,height=180");
         for (int i = 0; i < 100; ++i) {
             ASSERT_NE(GST_STATE_CHANGE_FAILURE,
                       gst_element_set_state(src.h->element, GST_STATE_PLAYING));

@@ -26,8 +26,8 @@ JournaledService::~JournaledService() {
 
 ::testing::AssertionResult Rgba::near(uint32_t x, uint32_t y, uint32_t rgb, int tolerance) const {
     if (x >= width || y >= height) {
-        return ::testing::AssertionFailure() << "(" << x << "," << y << ") is outside " << width
-                                             << "x" << height;
+        return ::testing::AssertionFailure()
+               << "(" << x << "," << y << ") is outside " << width << "x" << height;
     }
     const uint8_t* p = &pixels[(size_t{y} * width + x) * 4];
     for (int c = 0; c < 3; ++c) {
@@ -52,9 +52,9 @@ Rgba toRgba(GstBuffer* buffer, const GstVideoInfo& info) {
     out.width = GST_VIDEO_INFO_WIDTH(&info);
     out.height = GST_VIDEO_INFO_HEIGHT(&info);
     out.pixels.resize(GST_VIDEO_INFO_SIZE(&rgba));
-    GstBuffer* target = gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), out.pixels.data(),
-                                                    out.pixels.size(), 0, out.pixels.size(),
-                                                    nullptr, nullptr);
+    GstBuffer* target =
+        gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), out.pixels.data(),
+                                    out.pixels.size(), 0, out.pixels.size(), nullptr, nullptr);
     GstVideoFrame from, to;
     if (!gst_video_frame_map(&from, const_cast<GstVideoInfo*>(&info), buffer, GST_MAP_READ)) {
         ADD_FAILURE() << "cannot map the frame";
@@ -62,8 +62,8 @@ Rgba toRgba(GstBuffer* buffer, const GstVideoInfo& info) {
         return Rgba{};
     }
     gst_video_frame_map(&to, &rgba, target, GST_MAP_WRITE);
-    GstVideoConverter* convert = gst_video_converter_new(const_cast<GstVideoInfo*>(&info), &rgba,
-                                                         nullptr);
+    GstVideoConverter* convert =
+        gst_video_converter_new(const_cast<GstVideoInfo*>(&info), &rgba, nullptr);
     gst_video_converter_frame(convert, &from, &to);
     gst_video_converter_free(convert);
     gst_video_frame_unmap(&to);
@@ -91,8 +91,7 @@ std::vector<std::string> errorsOn(GstBus* bus) {
         GError* error = nullptr;
         gchar* debug = nullptr;
         gst_message_parse_error(m, &error, &debug);
-        texts.push_back(std::string(error->message) + " (" + (debug != nullptr ? debug : "") +
-                        ")");
+        texts.push_back(std::string(error->message) + " (" + (debug != nullptr ? debug : "") + ")");
         g_error_free(error);
         g_free(debug);
         gst_message_unref(m);

@@ -34,8 +34,7 @@ struct Rgba {
     uint32_t width = 0, height = 0;
     std::vector<uint8_t> pixels;
     // Whether (x, y) is within `tolerance` per channel of 0xRRGGBB.
-    ::testing::AssertionResult near(uint32_t x, uint32_t y, uint32_t rgb,
-                                    int tolerance = 40) const;
+    ::testing::AssertionResult near(uint32_t x, uint32_t y, uint32_t rgb, int tolerance = 40) const;
 };
 Rgba toRgba(GstBuffer* buffer, const GstVideoInfo& info);
 Rgba toRgba(GstBuffer* buffer, GstCaps* caps);

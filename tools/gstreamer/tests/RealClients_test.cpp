@@ -55,12 +55,13 @@ struct Picture {
         if (x >= width || y >= height || rgb.size() < size_t{width} * height * 3) {
             return ::testing::AssertionFailure() << "no pixel (" << x << "," << y << ")";
         }
-        const uint8_t* p = reinterpret_cast<const uint8_t*>(rgb.data()) + (size_t{y} * width + x) * 3;
+        const uint8_t* p =
+            reinterpret_cast<const uint8_t*>(rgb.data()) + (size_t{y} * width + x) * 3;
         for (int c = 0; c < 3; ++c) {
             if (abs(p[c] - static_cast<int>((want >> (16 - 8 * c)) & 0xFF)) > 48) {
                 char text[80];
-                snprintf(text, sizeof(text), "(%u,%u) is %02x%02x%02x, not %06x", x, y, p[0],
-                         p[1], p[2], want);
+                snprintf(text, sizeof(text), "(%u,%u) is %02x%02x%02x, not %06x", x, y, p[0], p[1],
+                         p[2], want);
                 return ::testing::AssertionFailure() << text;
             }
         }
@@ -72,9 +73,9 @@ Picture decode(const std::string& path, uint32_t width, uint32_t height) {
     Picture p;
     p.width = width;
     p.height = height;
-    p.rgb = sh("ffmpeg -v error -i " + path +
-               " -frames:v 1 -f rawvideo -pix_fmt rgb24 - 2>/dev/null")
-                .output;
+    p.rgb =
+        sh("ffmpeg -v error -i " + path + " -frames:v 1 -f rawvideo -pix_fmt rgb24 - 2>/dev/null")
+            .output;
     EXPECT_EQ(size_t{width} * height * 3, p.rgb.size()) << "ffmpeg could not decode " << path;
     return p;
 }
@@ -83,8 +84,8 @@ Picture decode(const std::string& path, uint32_t width, uint32_t height) {
 // (x0, y0) and w x h.
 void expectBars(const Picture& picture, uint32_t x0, uint32_t y0, uint32_t w, uint32_t h) {
     for (uint32_t k = 0; k < capture_emulator::kBarCount; ++k) {
-        EXPECT_TRUE(picture.near(x0 + (2 * k + 1) * w / 16, y0 + capture_emulator::barsEndRow(h) / 2,
-                                 capture_emulator::kBarColours[k]))
+        const uint32_t y = y0 + capture_emulator::barsEndRow(h) / 2;
+        EXPECT_TRUE(picture.near(x0 + (2 * k + 1) * w / 16, y, capture_emulator::kBarColours[k]))
             << "bar " << k;
     }
 }
@@ -115,12 +116,14 @@ TEST(GstInspect, ListsBothElementsWithTheirProperties) {
 // a frame decoded by ffmpeg.
 TEST(GstLaunchRecording, WebmReadBackByFfprobeAndFfmpeg) {
     const std::string webm = tempPath("clip.webm");
-    ToolRun r = sh("gst-launch-1.0 -q capturehalsrc num-buffers=60 ! "
-               "video/x-raw,width=320,height=180,framerate=30/1 ! videoconvert ! vp8enc ! "
-               "webmmux ! filesink location=" +
-               webm);
+    ToolRun r =
+        sh("gst-launch-1.0 -q capturehalsrc num-buffers=60 ! "
+           "video/x-raw,width=320,height=180,framerate=30/1 ! videoconvert ! vp8enc ! "
+           "webmmux ! filesink location=" +
+           webm);
     ASSERT_EQ(0, r.status) << r.output;
-    r = sh("ffprobe -v error -count_frames -show_entries "
+    r =
+        sh("ffprobe -v error -count_frames -show_entries "
            "stream=codec_name,width,height,r_frame_rate,nb_read_frames -of default=nw=1 " +
            webm);
     ASSERT_EQ(0, r.status) << r.output;
@@ -136,11 +139,12 @@ TEST(GstLaunchRecording, WebmReadBackByFfprobeAndFfmpeg) {
 // first bar lands on top.
 TEST(GstLaunchConversion, GpuPathTurnsTheCapturedFrame) {
     const std::string png = tempPath("turned.png");
-    const ToolRun r = sh("gst-launch-1.0 -q capturehalsrc num-buffers=1 ! "
-                     "video/x-raw,format=RGBA,width=320,height=180 ! "
-                     "capturehalconvert engine=gpu video-direction=90r ! videoconvert ! pngenc ! "
-                     "filesink location=" +
-                     png);
+    const ToolRun r =
+        sh("gst-launch-1.0 -q capturehalsrc num-buffers=1 ! "
+           "video/x-raw,format=RGBA,width=320,height=180 ! "
+           "capturehalconvert engine=gpu video-direction=90r ! videoconvert ! pngenc ! "
+           "filesink location=" +
+           png);
     ASSERT_EQ(0, r.status) << r.output;
     const Picture p = decode(png, 180, 320);
     const uint32_t x = 180 - 1 - capture_emulator::barsEndRow(180) / 2;
@@ -212,10 +216,10 @@ TEST(LiveView, XimagesinkUnderXvfbShowsTheBars) {
         environment.push_back(std::string("LD_PRELOAD=") + preload);
         environment.push_back("ASAN_OPTIONS=detect_leaks=0");
     }
-    Child view({"gst-launch-1.0", "-q", "capturehalsrc", "!",
-                "video/x-raw,width=640,height=360,framerate=30/1", "!", "videoconvert", "!",
-                "ximagesink"},
-               -1, environment);
+    Child view(
+        {"gst-launch-1.0", "-q", "capturehalsrc", "!",
+         "video/x-raw,width=640,height=360,framerate=30/1", "!", "videoconvert", "!", "ximagesink"},
+        -1, environment);
     ASSERT_GT(view.pid(), 0);
 
     // The window appears, and shows frames, when it does: dumped until the bars are there, a
@@ -228,8 +232,8 @@ TEST(LiveView, XimagesinkUnderXvfbShowsTheBars) {
         if (sh("xwd -root -silent -display " + display + " -out " + xwd).status != 0) continue;
         screen.width = 800;
         screen.height = 600;
-        screen.rgb = sh("ffmpeg -v error -i " + xwd + " -f rawvideo -pix_fmt rgb24 - 2>/dev/null")
-                         .output;
+        screen.rgb =
+            sh("ffmpeg -v error -i " + xwd + " -f rawvideo -pix_fmt rgb24 - 2>/dev/null").output;
         shown = screen.near(40, 135, capture_emulator::kBarColours[0]) &&
                 screen.near(600, 135, capture_emulator::kBarColours[7]) &&
                 screen.near(520, 135, capture_emulator::kBarColours[6]);

@@ -19,9 +19,9 @@ using ::android::hardware::Return;
 using namespace ::vendor::quenlark::hardware::capture::V1_0;
 
 struct Call {
-    std::string method;  // the ICapture method, or "onNotify" for a frame delivered
-    int32_t id = 0;      // the instance (open: the one handed out)
-    uint32_t index = 0;  // frameProcessDone and onNotify: the buffer
+    std::string method;         // the ICapture method, or "onNotify" for a frame delivered
+    int32_t id = 0;             // the instance (open: the one handed out)
+    uint32_t index = 0;         // frameProcessDone and onNotify: the buffer
     bool fromOnNotify = false;  // made on a thread inside an onNotify
     CaptureReturn ret = CaptureReturn::SUCCESS;
     CaptureInfo info;     // setCaptureInfo

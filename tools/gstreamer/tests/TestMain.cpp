@@ -12,7 +12,8 @@
 
 int main(int argc, char** argv) {
     const char* tmp = getenv("TMPDIR");
-    std::string registry = std::string(tmp != nullptr ? tmp : "/tmp") + "/capturehal-registry-XXXXXX";
+    std::string registry =
+        std::string(tmp != nullptr ? tmp : "/tmp") + "/capturehal-registry-XXXXXX";
     const int fd = mkstemp(registry.data());
     if (fd >= 0) {
         close(fd);
