@@ -343,6 +343,9 @@ gboolean stop(GstBaseSrc* base) {
     SrcState* st = self->state;
     std::lock_guard<std::mutex> guard(st->streamLock);
     if (st->instance == nullptr) return TRUE;
+    GST_INFO_OBJECT(self, "stopping after %" G_GUINT64_FORMAT " frames: %" G_GUINT64_FORMAT
+                    " copied, %" G_GUINT64_FORMAT " dropped, %" G_GUINT64_FORMAT " with errors",
+                    st->frames.load(), st->copies.load(), st->dropped.load(), st->errors.load());
     if (st->streaming) {
         Return<CaptureReturn> ret = st->service->stopCapture(st->instance->id());
         const CaptureReturn code =
