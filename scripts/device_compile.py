@@ -76,6 +76,8 @@ def main():
     ap.add_argument('--target', default='arm-linux-gnueabihf')
     ap.add_argument('--jobs', type=int, default=os.cpu_count() or 2)
     args = ap.parse_args()
+    args.out = os.path.abspath(args.out)
+    args.deps = os.path.abspath(args.deps)
 
     generated = os.path.join(args.out, 'generated')
     subprocess.run([sys.executable, os.path.join(ROOT, 'host', 'hidl', 'hidl_host_gen.py'),
