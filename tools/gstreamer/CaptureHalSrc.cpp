@@ -112,7 +112,6 @@ struct SrcState {
     std::atomic<ArrivalQueue*> queueForUnlock{nullptr};
     sp<QueueingCallback> callback;
     std::shared_ptr<HalMemory> ring;
-    Settings active;  // what the stream was configured with
     std::atomic<bool> streaming{false};
     GstVideoInfo info;
     std::atomic<GstClockTime> period{GST_CLOCK_TIME_NONE};
@@ -343,7 +342,8 @@ gboolean stop(GstBaseSrc* base) {
     SrcState* st = self->state;
     std::lock_guard<std::mutex> guard(st->streamLock);
     if (st->instance == nullptr) return TRUE;
-    GST_INFO_OBJECT(self, "stopping after %" G_GUINT64_FORMAT " frames: %" G_GUINT64_FORMAT
+    GST_INFO_OBJECT(self,
+                    "stopping after %" G_GUINT64_FORMAT " frames: %" G_GUINT64_FORMAT
                     " copied, %" G_GUINT64_FORMAT " dropped, %" G_GUINT64_FORMAT " with errors",
                     st->frames.load(), st->copies.load(), st->dropped.load(), st->errors.load());
     if (st->streaming) {
@@ -572,7 +572,6 @@ bool startStream(GstCaptureHalSrc* self, const GstVideoInfo& info) {
         return false;
     }
     st->info = info;
-    st->active = s;
     st->period = gst_util_uint64_scale_int(GST_SECOND, 1, static_cast<int>(fps));
     st->streaming = true;
     st->lastArrivalNs = -1;
