@@ -22,6 +22,7 @@
 #include <tuple>
 
 #include "CaptureLog.h"
+#include "PlatformConfig.h"
 #include "TestUtil.h"
 #include "gpu_draw.h"
 #include "gpu_dump.h"
@@ -496,6 +497,27 @@ struct DumpFolder {
         return std::string(mkdtemp(pattern) != nullptr ? pattern : "/tmp/capture-dump-none") + "/";
     }();
 };
+
+// The stride is the allocator's word at byte 72, whatever mix of descriptors and integers puts it
+// there; a handle too short to hold it, or a malformed one, has none.
+TEST(AllocatorStrideTest, ReadOnlyFromHandlesThatCarryIt) {
+    const struct {
+        int numFds, numInts;
+        int32_t stride;
+    } cases[] = {{1, 15, 77}, {0, 16, 77}, {2, 14, 77}, {1, 14, 0}, {0, 15, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.numFds << " fds, " << c.numInts << " ints");
+        native_handle_t* handle = native_handle_create(c.numFds, c.numInts);
+        ASSERT_NE(nullptr, handle);
+        for (int i = 0; i < c.numFds + c.numInts; ++i) handle->data[i] = i < c.numFds ? -1 : 77;
+        EXPECT_EQ(c.stride, allocatorStride(handle));
+        handle->numFds = -1;  // a corrupted count
+        EXPECT_EQ(0, allocatorStride(handle));
+        handle->numFds = c.numFds;
+        native_handle_delete(handle);
+    }
+    EXPECT_EQ(0, allocatorStride(nullptr));
+}
 
 TEST(DumpFormatTest, EveryRowOfTheTableAndNothingOutsideIt) {
     gpu_set_debug_log_level(32);

@@ -96,7 +96,8 @@ TEST(HidlRuntimeTest, GeneratedRecordsAndEnumerationsPrintCompareAndIterate) {
 
 TEST(HidlRuntimeDeathTest, FailedCallsMustBeLookedAt) {
     // Reading the value of a failed call, or dropping its status unread, ends the process.
-    EXPECT_DEATH((void)static_cast<int32_t>(Return<int32_t>(dead())), "failed HIDL call");
+    EXPECT_DEATH((void)static_cast<int32_t>(Return<int32_t>(dead())),
+                 "failed HIDL call: Status\\(-129, EX_TRANSACTION_FAILED\\): transaction error -32");
     EXPECT_DEATH({ Return<void> ignored(dead()); }, "not checked");
     EXPECT_DEATH(
         {
@@ -151,6 +152,25 @@ TEST(HidlRuntimeTest, InterfacesCastRegisterAndLinkAsOnThePlatform) {
     EXPECT_TRUE(callback->linkToDeath(recipient, 1));
     EXPECT_TRUE(callback->unlinkToDeath(recipient));
     EXPECT_FALSE(callback->linkToDeath(nullptr, 1));
+    // The chain's hashes: the .hal file's bytes, then IBase's as the platform publishes it.
+    std::vector<std::string> hashes;
+    ASSERT_TRUE(callback
+                    ->getHashChain([&](const hidl_vec<hidl_array<uint8_t, 32>>& chainHashes) {
+                        for (const auto& hash : chainHashes) {
+                            std::string hex;
+                            for (size_t i = 0; i < 32; ++i) {
+                                char byte[3];
+                                snprintf(byte, sizeof(byte), "%02x", hash[i]);
+                                hex += byte;
+                            }
+                            hashes.push_back(hex);
+                        }
+                    })
+                    .isOk());
+    EXPECT_EQ((std::vector<std::string>{
+                  CAPTURE_CALLBACK_HAL_SHA256,
+                  "ec7fd79ed02dfa85bc499426adae3ebe23ef0524f3cd6957139324b83b18ca4c"}),
+              hashes);
 
     ASSERT_EQ(::android::OK, callback->registerAsService("hidl-runtime-test"));
     EXPECT_EQ(callback, ICaptureCallback::getService("hidl-runtime-test"));
