@@ -231,31 +231,8 @@ gboolean start(GstBaseTransform* base) {
     GstCaptureHalConvert* self = GST_CAPTURE_HAL_CONVERT(base);
     ConvertState* st = self->state;
     const Settings s = settingsOf(self);
-    uint32_t degrees = 0;
-    if (!hardwareAngle(s.direction, &degrees)) {
-        GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS,
-                          ("video-direction %s refused: the hardware turns by quarter turns only "
-                           "(identity, 90r, 180, 90l)",
-                           directionNick(s.direction)),
-                          (nullptr));
-        return FALSE;
-    }
-    std::string error;
-    st->service = getCaptureService(&error);
-    if (st->service == nullptr) {
-        GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND, ("no capture service: %s", error.c_str()),
-                          (nullptr));
-        return FALSE;
-    }
-    CaptureReturn ret = CaptureReturn::FAIL;
-    st->instance = Instance::open(st->service, &ret);
-    if (st->instance == nullptr) {
-        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("%s", refusal("open", ret).c_str()),
-                          (nullptr));
-        st->service = nullptr;
-        return FALSE;
-    }
-    return TRUE;
+    st->instance = startInstance(GST_ELEMENT(self), s.direction, &st->service);
+    return st->instance != nullptr ? TRUE : FALSE;
 }
 
 gboolean stop(GstBaseTransform* base) {

@@ -297,36 +297,14 @@ gboolean start(GstBaseSrc* base) {
     GstCaptureHalSrc* self = GST_CAPTURE_HAL_SRC(base);
     SrcState* st = self->state;
     const Settings s = settingsOf(self);
-    uint32_t degrees = 0;
-    if (!hardwareAngle(s.direction, &degrees)) {
-        GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS,
-                          ("video-direction %s refused: the hardware turns by quarter turns only "
-                           "(identity, 90r, 180, 90l)",
-                           directionNick(s.direction)),
-                          (nullptr));
-        return FALSE;
-    }
     if (s.buffers == 0 || s.buffers > kMaxRingFrames || s.sourceFps == 0) {
         GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS, ("buffers must be 1..8 and source-fps above 0"),
                           (nullptr));
         return FALSE;
     }
     std::lock_guard<std::mutex> guard(st->streamLock);
-    std::string error;
-    st->service = getCaptureService(&error);
-    if (st->service == nullptr) {
-        GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND, ("no capture service: %s", error.c_str()),
-                          (nullptr));
-        return FALSE;
-    }
-    CaptureReturn ret = CaptureReturn::FAIL;
-    std::atomic_store(&st->instance, Instance::open(st->service, &ret));
-    if (st->instance == nullptr) {
-        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("%s", refusal("open", ret).c_str()),
-                          (nullptr));
-        st->service = nullptr;
-        return FALSE;
-    }
+    std::atomic_store(&st->instance, startInstance(GST_ELEMENT(self), s.direction, &st->service));
+    if (st->instance == nullptr) return FALSE;
     st->queue = std::make_shared<ArrivalQueue>();
     st->queueForUnlock = st->queue.get();
     st->callback = new QueueingCallback(st->queue);

@@ -73,4 +73,32 @@ const char* directionNick(GstVideoOrientationMethod method) {
     return nick;  // the class stays registered, and with it its strings
 }
 
+std::shared_ptr<Instance> startInstance(GstElement* element, GstVideoOrientationMethod direction,
+                                        ::android::sp<ICapture>* service) {
+    uint32_t degrees = 0;
+    if (!hardwareAngle(direction, &degrees)) {
+        GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS,
+                          ("video-direction %s refused: the hardware turns by quarter turns only "
+                           "(identity, 90r, 180, 90l)",
+                           directionNick(direction)),
+                          (nullptr));
+        return nullptr;
+    }
+    std::string error;
+    *service = getCaptureService(&error);
+    if (*service == nullptr) {
+        GST_ELEMENT_ERROR(element, RESOURCE, NOT_FOUND, ("no capture service: %s", error.c_str()),
+                          (nullptr));
+        return nullptr;
+    }
+    CaptureReturn ret = CaptureReturn::FAIL;
+    std::shared_ptr<Instance> instance = Instance::open(*service, &ret);
+    if (instance == nullptr) {
+        GST_ELEMENT_ERROR(element, RESOURCE, OPEN_READ, ("%s", refusal("open", ret).c_str()),
+                          (nullptr));
+        *service = nullptr;
+    }
+    return instance;
+}
+
 }  // namespace capturehal

@@ -1,10 +1,14 @@
-// Properties both elements share: the crop rectangle and the turn, as GStreamer spells them and
-// as the hardware takes them.
+// What both elements share: the crop rectangle and the turn, as GStreamer spells them and as the
+// hardware takes them, and their start: the service and an open instance.
 #pragma once
 
 #include <gst/gst.h>
 #include <gst/video/video.h>
 #include <stdint.h>
+
+#include <memory>
+
+#include "Hal.h"
 
 namespace capturehal {
 
@@ -25,5 +29,10 @@ void cropToValue(const Crop& crop, GValue* value);
 bool hardwareAngle(GstVideoOrientationMethod method, uint32_t* degrees);
 // "90r" and so on: the nick of the enumeration value.
 const char* directionNick(GstVideoOrientationMethod method);
+
+// An element's start: the turn it was given must be the hardware's, then the service is taken
+// and an instance opened. Null, with the element error posted, when any step fails.
+std::shared_ptr<Instance> startInstance(GstElement* element, GstVideoOrientationMethod direction,
+                                        ::android::sp<ICapture>* service);
 
 }  // namespace capturehal
