@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -116,6 +117,17 @@ constexpr uint8_t kIBaseHash[32] = {0xec, 0x7f, 0xd7, 0x9e, 0xd0, 0x2d, 0xfa, 0x
                                     0x13, 0x93, 0x24, 0xb8, 0x3b, 0x18, 0xca, 0x4c};
 
 // Instances of hidl HALs declared by one VINTF manifest, as "package@version::IName/instance".
+// The trimmed texts of every <tag>...</tag> in `block`, in order.
+std::vector<std::string> tagTexts(const std::string& block, const std::string& tag) {
+    std::vector<std::string> texts;
+    const std::regex element("<" + tag + ">\\s*([^<]*?)\\s*</" + tag + ">");
+    for (auto it = std::sregex_iterator(block.begin(), block.end(), element);
+         it != std::sregex_iterator(); ++it) {
+        texts.push_back((*it)[1]);
+    }
+    return texts;
+}
+
 void readManifest(const std::string& path, std::vector<std::string>* entries) {
     std::ifstream in(path);
     if (!in) {
@@ -123,40 +135,24 @@ void readManifest(const std::string& path, std::vector<std::string>* entries) {
         return;
     }
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    auto tagText = [](const std::string& block, const char* tag, size_t from, size_t* end) {
-        const std::string open = std::string("<") + tag + ">";
-        const std::string close = std::string("</") + tag + ">";
-        const size_t start = block.find(open, from);
-        if (start == std::string::npos) return std::string();
-        const size_t stop = block.find(close, start);
-        if (stop == std::string::npos) return std::string();
-        if (end != nullptr) *end = stop + close.size();
-        std::string value = block.substr(start + open.size(), stop - start - open.size());
-        const size_t first = value.find_first_not_of(" \t\r\n");
-        const size_t last = value.find_last_not_of(" \t\r\n");
-        return first == std::string::npos ? std::string() : value.substr(first, last - first + 1);
-    };
-    size_t pos = 0;
-    while ((pos = text.find("<hal", pos)) != std::string::npos) {
-        const size_t stop = text.find("</hal>", pos);
-        if (stop == std::string::npos) break;
-        const std::string hal = text.substr(pos, stop - pos);
-        pos = stop;
-        if (hal.find("format=\"aidl\"") != std::string::npos) continue;
-        const std::string package = tagText(hal, "name", 0, nullptr);
-        const std::string version = tagText(hal, "version", 0, nullptr);
-        size_t at = 0;
-        size_t interfaceEnd = 0;
-        while ((at = hal.find("<interface>", at)) != std::string::npos) {
-            const std::string block = hal.substr(at, hal.find("</interface>", at) - at);
-            at += 1;
-            const std::string name = tagText(block, "name", 0, nullptr);
-            size_t from = 0;
-            for (;;) {
-                const std::string instance = tagText(block, "instance", from, &interfaceEnd);
-                if (instance.empty()) break;
-                from = interfaceEnd;
-                entries->push_back(package + "@" + version + "::" + name + "/" + instance);
+    const std::regex hal("<hal([^>]*)>([\\s\\S]*?)</hal>");
+    const std::regex interface("<interface>([\\s\\S]*?)</interface>");
+    for (auto h = std::sregex_iterator(text.begin(), text.end(), hal); h != std::sregex_iterator();
+         ++h) {
+        if ((*h)[1].str().find("format=\"aidl\"") != std::string::npos) continue;
+        const std::string body = (*h)[2];
+        // The HAL's own name and version come before its interfaces.
+        const std::string head = body.substr(0, body.find("<interface>"));
+        const std::vector<std::string> names = tagTexts(head, "name");
+        const std::vector<std::string> versions = tagTexts(head, "version");
+        if (names.empty() || versions.empty()) continue;
+        for (auto i = std::sregex_iterator(body.begin(), body.end(), interface);
+             i != std::sregex_iterator(); ++i) {
+            const std::string block = (*i)[1];
+            const std::vector<std::string> name = tagTexts(block, "name");
+            if (name.empty()) continue;
+            for (const std::string& instance : tagTexts(block, "instance")) {
+                entries->push_back(names[0] + "@" + versions[0] + "::" + name[0] + "/" + instance);
             }
         }
     }
