@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/ServiceManagement.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <vendor/quenlark/hardware/capture/1.0/ICapture.h>
@@ -11,13 +10,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <thread>
 #include <vector>
 
+#include "ServiceThread.h"
 #include "capture_emulator/Emulator.h"
-
-int captureServiceMain(int argc, char** argv);
 
 namespace {
 
@@ -34,36 +31,14 @@ using namespace ::vendor::quenlark::hardware::capture::V1_0;
 class CaptureServiceTest : public testing::Test {
 protected:
     void SetUp() override {
-        setenv("CAPTURE_SUBHAL_PATH", CAPTURE_EMULATOR_LIBRARY, 1);
-        setenv("CAPTURE_DEVICE_TREE_ROOT", CAPTURE_EMULATOR_DEVICE_TREE, 1);
-        ASSERT_EQ(::android::OK, capture_emulator::registerPqService());
-        std::packaged_task<int()> run([] {
-            char name[] = "vendor.quenlark.hardware.capture@1.0-service";
-            char* argv[] = {name, nullptr};
-            return captureServiceMain(1, argv);
-        });
-        mStatus = run.get_future();
-        mMain = std::thread(std::move(run));
-        for (int i = 0; i < 1000 && capture == nullptr; ++i) {
-            capture = ICapture::getService("default");
-            if (capture == nullptr) usleep(10 * 1000);
-        }
-        ASSERT_NE(nullptr, capture) << "ICapture/default never registered";
+        std::string error;
+        ASSERT_TRUE(mService.start(&error)) << error;
+        capture = ICapture::getService("default");
     }
 
     void TearDown() override {
         capture.clear();
-        if (!mMain.joinable()) return;
-        if (mStatus.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
-            mMain.join();  // main gave up before joining the pool
-            return;
-        }
-        // Sent to the process; the service's handler was installed before it registered, so the
-        // signal cannot kill the test.
-        kill(getpid(), SIGTERM);
-        if (mStatus.wait_for(std::chrono::seconds(20)) != std::future_status::ready) _exit(3);
-        mMain.join();
-        EXPECT_EQ(0, mStatus.get());
+        EXPECT_EQ(0, mService.stop());
         ::android::hardware::details::unregisterServiceInternal(ICapture::descriptor, "default");
         ::android::hardware::details::unregisterServiceInternal(
             ::vendor::quenlark::hardware::pq::V1_0::IPq::descriptor, "default");
@@ -73,8 +48,7 @@ protected:
     sp<ICapture> capture;
 
 private:
-    std::future<int> mStatus;
-    std::thread mMain;
+    capture_host::ServiceThread mService;
 };
 
 TEST_F(CaptureServiceTest, RegistersDefaultServesAndStopsOnSigterm) {
@@ -154,12 +128,13 @@ TEST_F(CaptureServiceTest, StressEveryMethodFromEveryBinderThreadAtOnce) {
                 info.dstFmt = CaptureFormat::NV12;
                 info.dstBuffer = hidl_handle(frames.handle);
                 expectOk(capture->setCaptureInfo(id, info), "setCaptureInfo");
-                setQueryInfo query = {1920, 1080, CaptureFormat::NV12, 320, 180,
-                                      CaptureFormat::NV12, 0, 0, 0, 1920, 1080, 0};
-                capture->getCaptureCapabilityInfo(id, query, [&](CaptureReturn ret,
-                                                                 const getQueryInfo&) {
-                    expectOk(ret, "getCaptureCapabilityInfo");
-                });
+                setQueryInfo query = {
+                    1920, 1080, CaptureFormat::NV12, 320, 180, CaptureFormat::NV12, 0, 0, 0, 1920,
+                    1080, 0};
+                capture->getCaptureCapabilityInfo(id, query,
+                                                  [&](CaptureReturn ret, const getQueryInfo&) {
+                                                      expectOk(ret, "getCaptureCapabilityInfo");
+                                                  });
                 CaptureSrcFrameInfo src = {};
                 src.width = 1920;
                 src.height = 1080;
@@ -195,8 +170,7 @@ TEST_F(CaptureServiceTest, StressEveryMethodFromEveryBinderThreadAtOnce) {
                 expectOk(capture->notifyContinueCapture(id), "notifyContinueCapture");
                 stream->waitFor(stream->frames.load() + 1);
                 EXPECT_TRUE(capture->setCallback(id, stream).isOk());
-                expectOk(capture->startAllSourceRotation(id, {}, stream),
-                         "startAllSourceRotation");
+                expectOk(capture->startAllSourceRotation(id, {}, stream), "startAllSourceRotation");
                 expectOk(capture->stopAllSourceRotation(id), "stopAllSourceRotation");
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
                 expectOk(capture->stopCapture(id), "stopCapture");
